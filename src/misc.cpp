@@ -1,0 +1,230 @@
+// misc.cpp: the helpers that several modules share and that belong to none of them. Whatever waits here waits
+// for a bounded time, and whatever is looked up by key is looked up afresh on each call, so that a block
+// which was removed and created again is found. What the blocks hold is the callers' business.
+#include "misc.h"
+
+#include <fcntl.h>
+#include <sys/ipc.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+namespace {
+constexpr int PERMISSIONS = 0666;
+constexpr std::int64_t SEMOP_LIMIT_NS = 1'000'000'000;
+
+std::int64_t monotonic_ns()
+{
+	timespec now;
+	clock_gettime(CLOCK_MONOTONIC, &now);
+	return now.tv_sec * INT64_C(1'000'000'000) + now.tv_nsec;
+}
+
+// As much of a file as fits, terminated. Its length or -1.
+ssize_t read_text(int fd, char *buffer, std::size_t size)
+{
+	std::size_t length = 0;
+	while (length < size - 1) {
+		const ssize_t got = read(fd, buffer + length, size - 1 - length);
+		if (got < 0 && errno == EINTR)
+			continue;
+		if (got < 0)
+			return -1;
+		if (got == 0)
+			break;
+		length += static_cast<std::size_t>(got);
+	}
+	buffer[length] = '\0';
+	return static_cast<ssize_t>(length);
+}
+
+// Reads both numbers of the file; false when it does not hold them.
+bool read_proc_uptime(unsigned long *seconds)
+{
+	const int fd = open("/proc/uptime", O_RDONLY | O_CLOEXEC);
+	if (fd < 0)
+		return false;
+	char text[64];
+	const ssize_t length = read_text(fd, text, sizeof text);
+	close(fd);
+	if (length < 0)
+		return false;
+	char *after_up, *after_idle;
+	const double up = std::strtod(text, &after_up);
+	std::strtod(after_up, &after_idle);
+	if (after_up == text || after_idle == after_up)
+		return false;
+	if (!(up >= 0 && up < 4e9)) // nor a NaN: what does not fit must not be converted
+		return false;
+	*seconds = static_cast<unsigned long>(up);
+	return true;
+}
+
+void *attach(int id)
+{
+	void *address = shmat(id, nullptr, 0);
+	return reinterpret_cast<std::intptr_t>(address) == -1 ? nullptr : address;
+}
+
+void report_failed_creation(const char *failure)
+{
+	std::fprintf(stderr, "%s: %s\n", failure, strerror(errno));
+}
+
+// `get` is shmget or semget with everything but the flags. The id, or -1 after a message.
+template <class Get> int create_or_take_over(const char *exists, const char *failure, bool *created, Get get)
+{
+	int id = get(IPC_CREAT | IPC_EXCL | PERMISSIONS);
+	*created = id >= 0;
+	if (id < 0 && errno == EEXIST) {
+		std::fputs(exists, stderr);
+		id = get(PERMISSIONS);
+	}
+	if (id < 0)
+		report_failed_creation(failure);
+	return id;
+}
+} // namespace
+
+void *vek_malloc(std::size_t size) { return std::calloc(1, size); }
+
+void vek_free(void *block) { std::free(block); }
+
+char *vek_strdup(const char *text) { return strdup(text); }
+
+unsigned long uptime()
+{
+	unsigned long seconds;
+	if (read_proc_uptime(&seconds))
+		return seconds;
+	timespec now{};
+	clock_gettime(CLOCK_BOOTTIME, &now);
+	return static_cast<unsigned long>(now.tv_sec);
+}
+
+void *vek_attach_shm(key_t key, std::size_t size)
+{
+	// The look-up itself refuses a segment that is shorter than `size`.
+	const int id = shmget(key, size, PERMISSIONS);
+	return id < 0 ? nullptr : attach(id);
+}
+
+void *get_shm(key_t key, std::size_t size)
+{
+	void *address = vek_attach_shm(key, size);
+	if (address == nullptr)
+		std::fputs("Can't get shm!\n", stderr);
+	return address;
+}
+
+void put_shm(const void *address) { shmdt(address); }
+
+void *vek_create_shm(key_t key, std::size_t size, const char *exists, const char *failure, int *id)
+{
+	*id = -1;
+	bool created;
+	const int found = create_or_take_over(exists, failure, &created,
+					      [=](int flags) { return shmget(key, size, flags); });
+	if (found < 0)
+		return nullptr;
+	void *address = attach(found);
+	if (address == nullptr) {
+		report_failed_creation(failure);
+		if (created)
+			shmctl(found, IPC_RMID, nullptr);
+		return nullptr;
+	}
+	std::memset(address, 0, size);
+	*id = found;
+	return address;
+}
+
+int vek_create_sem(key_t key, const char *exists, const char *failure)
+{
+	bool created;
+	return create_or_take_over(exists, failure, &created,
+				   [=](int flags) { return semget(key, 1, flags); });
+}
+
+int vek_semop(int id, int change)
+{
+	sembuf operation{0, static_cast<short>(change), SEM_UNDO};
+	const std::int64_t deadline = monotonic_ns() + SEMOP_LIMIT_NS;
+	for (;;) {
+		const std::int64_t left = deadline - monotonic_ns();
+		if (left <= 0) {
+			errno = EAGAIN;
+			return -1;
+		}
+		timespec wait;
+		wait.tv_sec = static_cast<time_t>(left / 1'000'000'000);
+		wait.tv_nsec = static_cast<long>(left % 1'000'000'000);
+		if (semtimedop(id, &operation, 1, &wait) == 0)
+			return 0;
+		if (errno != EINTR) // the one-second tick must not turn into a failure
+			return -1;
+	}
+}
+
+int get_sem(key_t key)
+{
+	const int id = semget(key, 1, PERMISSIONS);
+	if (id < 0) {
+		std::fputs("Resource is temporarily unavailable: can't get lock\n", stderr);
+		return -1;
+	}
+	if (vek_semop(id, -1) < 0) {
+		std::fputs("Resource is temporarily unavailable: can't do locking!\n", stderr);
+		return -1;
+	}
+	return 0;
+}
+
+void put_sem(key_t key)
+{
+	const int id = semget(key, 1, PERMISSIONS);
+	if (id < 0)
+		std::fputs("Can't get sem!\n", stderr);
+	else if (vek_semop(id, 1) < 0)
+		std::fputs("Can't put sem!\n", stderr);
+}
+
+int vek_open_planted(const char *path, int flags, mode_t mode)
+{
+	// Nothing is cut before it is known what was opened.
+	const int fd = open(path, (flags & ~O_TRUNC) | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, mode);
+	if (fd < 0)
+		return -1;
+	const bool writing = (flags & O_ACCMODE) != O_RDONLY;
+	struct stat status;
+	bool good = fstat(fd, &status) == 0;
+	if (good && !S_ISREG(status.st_mode)) {
+		errno = EINVAL;
+		good = false;
+	} else if (good && writing && status.st_nlink > 1) { // also the name of somebody else's file
+		errno = EMLINK;
+		good = false;
+	}
+	if (good && (!(flags & O_TRUNC) || ftruncate(fd, 0) == 0))
+		return fd;
+	const int error = errno;
+	close(fd);
+	errno = error;
+	return -1;
+}
+
+ssize_t vek_read_planted(const char *path, char *buffer, std::size_t size)
+{
+	const int fd = vek_open_planted(path, O_RDONLY);
+	if (fd < 0)
+		return -1;
+	const ssize_t length = read_text(fd, buffer, size);
+	close(fd);
+	return length;
+}
