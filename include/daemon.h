@@ -1,0 +1,29 @@
+// daemon.h: the process: its clock and flags, shared with the modules.
+#ifndef DAEMON_H
+#define DAEMON_H
+
+#include <csignal>
+#include <cstdint>
+
+extern int debug;                        // number of -d options
+extern std::uint64_t seconds_since_boot; // cached uptime, the clock of every session deadline
+extern volatile std::sig_atomic_t vek_need_exit, vek_do_timer, vek_config_change;
+
+// The whole life of the daemon; what main returns.
+int vekd_main(int argc, char **argv);
+
+// Advances the clock by a tick, re-reading the uptime on every 181st call, the first included.
+void vek_update_timer();
+
+unsigned long get_uptime();
+
+// Seconds that a revocable logout stays parked, after a look at the defer file.
+std::uint64_t get_logout_defer_time();
+
+// Carries out the parked logouts that are due.
+void vek_run_deferred_logouts();
+
+// One tick: the clock, the second event, and on every eleventh call the ten-second event.
+void vek_tick();
+
+#endif

@@ -1,0 +1,480 @@
+// endpoint.cpp: connections on the notify and the request socket, from accept to close: one record per
+// readiness, read, checked and turned into an event; revocable logouts parked; every write to a client.
+// What an event does is left to the handlers on the bus.
+#include "endpoint.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+
+#include "daemon.h"
+#include "listener.h"
+#include "misc.h"
+#include "vek_event.h"
+#include "vek_fields.h"
+
+list_of<&vek_socket::list> vek_socket_list;
+list_of<&vek_deferred_logout::list> vek_deferred_logout_list;
+int vek_notify_fd = -1, vek_request_fd = -1;
+sock_event vek_skevent = {vek_sock_event_write, vek_sock_event_read, vek_sock_event_error};
+
+namespace {
+
+// ---- waiting for slow clients ----
+
+// Everybody waits while we wait for one client, so waiting is rationed: a pass of the main loop waits at most
+// PATIENCE_MS. A wait that ended with the client being shut down was in vain and is paid for: until the
+// patience has grown back, a pass waits no longer than that, or MIN_PASS_MS.
+constexpr std::int64_t PATIENCE_MS = 1000;
+constexpr std::int64_t MIN_PASS_MS = 300;
+constexpr std::int64_t REGROWTH = 4;        // milliseconds until one of patience is back
+constexpr std::int64_t MIN_ANSWER_MS = 100; // with less left, queries are read in a later pass
+
+std::int64_t patience_ms = PATIENCE_MS;
+std::int64_t patience_at_ms; // when that was so
+std::int64_t pass_left_ms = PATIENCE_MS;
+
+std::int64_t now_ms()
+{
+	timespec now;
+	clock_gettime(CLOCK_MONOTONIC, &now);
+	return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
+}
+
+// By whole milliseconds of patience, so that no part of the time is lost however often this is called.
+void regrow_patience(std::int64_t now)
+{
+	const std::int64_t regrown = (now - patience_at_ms) / REGROWTH;
+	patience_ms = std::min(PATIENCE_MS, patience_ms + regrown);
+	patience_at_ms += regrown * REGROWTH;
+}
+
+// True when the client takes bytes again within what the pass has left.
+bool wait_for_client(int fd)
+{
+	const std::int64_t start = now_ms();
+	const std::int64_t deadline = start + pass_left_ms;
+	std::int64_t now = start;
+	bool writable = false;
+	while (!writable && now < deadline) {
+		pollfd ready{fd, POLLOUT, 0};
+		const int result = poll(&ready, 1, static_cast<int>(deadline - now));
+		if (result < 0 && errno != EINTR)
+			break;
+		writable = result > 0;
+		now = now_ms();
+	}
+	pass_left_ms = std::max<std::int64_t>(0, deadline - now);
+	if (!writable) {
+		regrow_patience(start);
+		patience_ms = std::max<std::int64_t>(0, patience_ms - (now - start));
+		patience_at_ms = now;
+	}
+	return writable;
+}
+
+// ---- connections ----
+
+std::uint64_t activity_stamp;
+bool accept_paused;
+int spare_fd = -1; // given up for a moment to turn a connection away when descriptors have run out
+
+vek_socket *socket_of(int fd)
+{
+	for (vek_socket *sock : vek_socket_list)
+		if (sock->fd == fd)
+			return sock;
+	return nullptr;
+}
+
+// No more of this client: it sees the end of the stream behind what it was already sent, and a later pass
+// reads ours and cleans up.
+void cut(int fd, const char *why)
+{
+	shutdown(fd, SHUT_RDWR);
+	vek_socket *sock = socket_of(fd);
+	if (sock == nullptr || sock->cut)
+		return;
+	sock->cut = true;
+	if (debug)
+		std::fprintf(stderr, "endpoint: shut down %s connection %d of process %d, user %d: %s\n",
+			     sock->type == VEK_SOCKTYPE_NOTIFY ? "notify" : "request", fd,
+			     static_cast<int>(sock->pid), static_cast<int>(sock->uid), why);
+}
+
+// The usual end of a request connection: its subscription goes first.
+void end_client(vek_socket *sock)
+{
+	if (sock->type == VEK_SOCKTYPE_REQUEST) {
+		vek_event event = vek_new_event(VEK_EVENT_APP_CLOSE);
+		vek_dispatch_event(&event, sock);
+	}
+	vek_close_client(sock->fd, sock);
+}
+
+ucred peer_of(int fd)
+{
+	ucred peer{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+	socklen_t length = sizeof(peer);
+	getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length);
+	return peer;
+}
+
+bool keep(vek_socket *sock) { return vek_sock_event_add_fd(sock->fd, FD_READ, sock) == 0; }
+
+// All places are taken: a service of user 0 gets that of the unprivileged connection that has been silent
+// longest. The new connection moves into the freed descriptor's number.
+bool displace_for(vek_socket *sock)
+{
+	if (sock->uid != 0)
+		return false;
+	vek_socket *silent = nullptr;
+	for (vek_socket *other : vek_socket_list)
+		if (other->uid != 0 && (silent == nullptr || other->activity < silent->activity))
+			silent = other;
+	if (silent == nullptr)
+		return false;
+	cut(silent->fd, "silent, and its place was needed");
+	end_client(silent);
+	const int fd = fcntl(sock->fd, F_DUPFD_CLOEXEC, 0);
+	if (fd < 0)
+		return false;
+	close(sock->fd);
+	sock->fd = fd;
+	return keep(sock);
+}
+
+void pause_accept()
+{
+	accept_paused = true;
+	vek_sock_event_del_fd(vek_notify_fd);
+	vek_sock_event_del_fd(vek_request_fd);
+}
+
+// Without descriptors a waiting connection would make every pass ready at once. It is turned away with the
+// spare one; when even that fails, nobody is accepted until the next tick.
+void turn_away(int listening_fd)
+{
+	if (spare_fd >= 0)
+		close(spare_fd);
+	const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+	const bool helpless = fd < 0 && errno != EAGAIN;
+	if (fd >= 0)
+		close(fd);
+	spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+	if (helpless)
+		pause_accept();
+}
+
+void accept_client(int listening_fd, std::uint8_t type)
+{
+	const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+	if (fd < 0) {
+		if (errno != EINTR && errno != EAGAIN && errno != ECONNABORTED)
+			turn_away(listening_fd);
+		return;
+	}
+	if (spare_fd < 0)
+		spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+	auto *sock = static_cast<vek_socket *>(vek_malloc(sizeof(vek_socket)));
+	if (sock == nullptr) {
+		close(fd);
+		return;
+	}
+	const ucred peer = peer_of(fd);
+	sock->type = type;
+	sock->fd = fd;
+	sock->pid = peer.pid;
+	sock->uid = peer.uid;
+	sock->activity = ++activity_stamp;
+	if (!keep(sock) && !displace_for(sock)) {
+		close(sock->fd);
+		vek_free(sock);
+		return;
+	}
+	vek_socket_list.push_back(sock);
+}
+
+// One whole record, as it lies there; the one read a readiness gets.
+bool read_record(vek_socket *sock, void *record, std::size_t size)
+{
+	sock->activity = ++activity_stamp;
+	return !sock->cut && recv(sock->fd, record, size, MSG_DONTWAIT) == static_cast<ssize_t>(size);
+}
+
+// ---- notify records ----
+
+enum class treatment : std::uint8_t { ignore, dispatch, park, revoke };
+
+constexpr treatment treatment_of(int event)
+{
+	switch (event) {
+	case VEK_EVENT_USER_LOGIN:
+	case VEK_EVENT_USER_SOCIAL_LOGIN_STAGE1:
+	case VEK_EVENT_USER_SOCIAL_LOGIN_STAGE2:
+	case VEK_EVENT_USER_LOGOUT:
+	case VEK_EVENT_USER_LOGOUT2:
+	case VEK_EVENT_TUNNEL_UP:
+	case VEK_EVENT_TUNNEL_DOWN:
+	case VEK_EVENT_USER_TUNNEL_UP:
+	case VEK_EVENT_USER_TUNNEL_DOWN:
+	case VEK_EVENT_WEB_USER_LOGOUT:
+	case VEK_EVENT_UPDATE_LEASE_TIME:
+	case VEK_EVENT_UPDATE_IDLE_TIME:
+	case VEK_EVENT_UPDATE_REAUTH_TIME:
+	case VEK_EVENT_UPDATE_ROAMING_STA_IP:
+	case VEK_EVENT_UPDATE_ACCOUNTING_STATUS:
+	case VEK_EVENT_RENAME_RADIUS_PROFILE_NAME:
+	case VEK_EVENT_UPDATE_SSH_TTY: return treatment::dispatch;
+	case VEK_EVENT_USER_LOGOUT_REVOCABLE: return treatment::park;
+	case VEK_EVENT_USER_LOGOUT_REVOKE: return treatment::revoke;
+	default: return treatment::ignore;
+	}
+}
+
+// As many as there can be sessions to log out.
+constexpr int MAX_DEFERRED_LOGOUTS = VEK_MAX_USERS;
+int deferred_logouts;
+
+bool park_logout(const vek_event &event)
+{
+	if (deferred_logouts >= MAX_DEFERRED_LOGOUTS)
+		return false;
+	auto *parked = static_cast<vek_deferred_logout *>(vek_malloc(sizeof(vek_deferred_logout)));
+	if (parked == nullptr)
+		return false;
+	parked->event_time = get_uptime();
+	parked->event = event;
+	vek_deferred_logout_list.push_back(parked);
+	deferred_logouts++;
+	return true;
+}
+
+void revoke_logouts(const vek_event &event)
+{
+	list_head *const head = vek_deferred_logout_list.head();
+	for (list_head *link = head->next; link != head;) {
+		auto *parked = list_entry<&vek_deferred_logout::list>(link);
+		link = link->next;
+		if (VEK_EVENT_LOGOUT_MATCHED(&parked->event, &event))
+			vek_free_deferred_logout(parked);
+	}
+}
+
+int dispatch_notice(vek_event *event, vek_socket *sock)
+{
+	event->count = 0;
+	return vek_dispatch_event(event, sock) == VEK_STOP_DISPATCH ? VEK_RESPONSE_FAIL
+								    : VEK_RESPONSE_SUCCESS;
+}
+
+// ---- request records ----
+
+constexpr int event_of_method[] = {
+    0,
+    VEK_EVENT_APP_QUERY_NAME,
+    VEK_EVENT_APP_QUERY_FROM,
+    VEK_EVENT_APP_QUERY_FROM_FIRST,
+    VEK_EVENT_APP_QUERY_ALL,
+    VEK_EVENT_APP_LISTEN,
+    VEK_EVENT_APP_QUERY_TOTAL_USER_NUM,
+};
+
+vek_event event_from(const vek_request &request)
+{
+	const bool ipv6 = request.req_flags & VEK_HANDLE_FLAG_IPV6_ADDR;
+	vek_event event = vek_new_event(event_of_method[request.method]);
+	switch (request.method) {
+	case VEK_QUERY_NAME: copy_text(event.username, request.u.username); break;
+	case VEK_QUERY_FROM:
+	case VEK_QUERY_FROM_FIRST:
+		if (ipv6)
+			event.ip6 = request.u.ip6;
+		else
+			event.ip = request.u.ip;
+		break;
+	case VEK_QUERY_ALL: break;
+	default: return event;
+	}
+	if (ipv6)
+		event.event_flag = VEK_EVENT_FLAG_USED_IPV6_ADDR;
+	return event;
+}
+
+} // namespace
+
+int vek_bind_unix_address(const char *path)
+{
+	const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+	if (fd < 0)
+		return -1;
+	const int on = 1;
+	sockaddr_un address{};
+	address.sun_family = AF_UNIX;
+	copy_text(address.sun_path, path);
+	if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) < 0 ||
+	    bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) < 0 ||
+	    listen(fd, 5) < 0) {
+		close(fd);
+		return -1;
+	}
+	return fd;
+}
+
+void vek_sock_event_read(int fd, void *data)
+{
+	if (fd == vek_notify_fd)
+		return vek_accept_notify(fd, data);
+	if (fd == vek_request_fd)
+		return vek_accept_request(fd, data);
+
+	auto *sock = static_cast<vek_socket *>(data);
+	switch (sock->type) {
+	case VEK_SOCKTYPE_NOTIFY: return vek_handle_notify(fd, sock);
+	case VEK_SOCKTYPE_REQUEST:
+		// It stays readable. In a pass whose waiting is used up its answer would have no chance.
+		if (pass_left_ms >= MIN_ANSWER_MS || sock->cut)
+			vek_handle_request(fd, sock);
+		return;
+	default: return vek_close_client(fd, sock);
+	}
+}
+
+void vek_sock_event_write(int fd, void *data) { vek_close_client(fd, static_cast<vek_socket *>(data)); }
+
+int vek_sock_event_error(int) { return -1; }
+
+void vek_accept_notify(int fd, void *) { accept_client(fd, VEK_SOCKTYPE_NOTIFY); }
+
+void vek_accept_request(int fd, void *) { accept_client(fd, VEK_SOCKTYPE_REQUEST); }
+
+void vek_resume_accept()
+{
+	if (!accept_paused)
+		return;
+	accept_paused = false;
+	vek_sock_event_add_fd(vek_notify_fd, FD_READ, nullptr);
+	vek_sock_event_add_fd(vek_request_fd, FD_READ, nullptr);
+}
+
+void vek_handle_notify(int fd, vek_socket *sock)
+{
+	vek_event event;
+	if (!read_record(sock, &event, sizeof(event)))
+		return vek_close_client(fd, sock);
+	cut_text(vek_event_fields, &event);
+
+	int code = VEK_RESPONSE_FAIL;
+	switch (treatment_of(event.event)) {
+	case treatment::ignore: return;
+	case treatment::dispatch: code = dispatch_notice(&event, sock); break;
+	case treatment::park:
+		if (!park_logout(event)) {
+			event.event = VEK_EVENT_USER_LOGOUT;
+			code = dispatch_notice(&event, sock);
+		}
+		break;
+	case treatment::revoke: revoke_logouts(event); break;
+	}
+	if (vek_send_response(code, fd) < 0)
+		vek_close_client(fd, sock);
+}
+
+void vek_handle_request(int, vek_socket *sock)
+{
+	vek_request request;
+	if (!read_record(sock, &request, sizeof(request)))
+		return end_client(sock);
+	if (request.method < VEK_QUERY_NAME || request.method > VEK_QUERY_TOTAL_USER_NUM)
+		return;
+	vek_event event = event_from(request);
+	vek_dispatch_event(&event, sock);
+}
+
+void vek_close_client(int fd, vek_socket *sock)
+{
+	if (sock != nullptr) {
+		list_del(&sock->list);
+		vek_free(sock);
+	}
+	if (fd >= 0) {
+		listener_forget(fd);
+		vek_sock_event_del_fd(fd);
+		close(fd);
+	}
+}
+
+ssize_t vek_send_response(int result, int fd)
+{
+	const vek_response response{result};
+	const ssize_t sent = send(fd, &response, sizeof(response), MSG_DONTWAIT | MSG_NOSIGNAL);
+	if (sent == static_cast<ssize_t>(sizeof(response)))
+		return sent;
+	if (errno == EAGAIN)
+		cut(fd, "did not read its answers");
+	return -1;
+}
+
+ssize_t vek_write_client(int fd, std::span<iovec> parts)
+{
+	ssize_t total = 0;
+	while (!parts.empty()) {
+		msghdr message{};
+		message.msg_iov = parts.data();
+		message.msg_iovlen = parts.size();
+		ssize_t sent = sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+		if (sent < 0) {
+			if (errno == EINTR)
+				continue;
+			if ((errno == EAGAIN || errno == ENOBUFS) && wait_for_client(fd))
+				continue;
+			const int reason = errno;
+			if (reason != EPIPE && reason != ECONNRESET)
+				cut(fd, "did not read what it asked for");
+			errno = reason;
+			return -1;
+		}
+		total += sent;
+		while (!parts.empty() && static_cast<std::size_t>(sent) >= parts.front().iov_len) {
+			sent -= static_cast<ssize_t>(parts.front().iov_len);
+			parts = parts.subspan(1);
+		}
+		if (sent > 0) {
+			iovec &part = parts.front();
+			part.iov_base = static_cast<char *>(part.iov_base) + sent;
+			part.iov_len -= static_cast<std::size_t>(sent);
+		}
+	}
+	return total;
+}
+
+void vek_deepen_buffer(vek_socket *sock)
+{
+	// Kernel memory, so only for those we trust: room for a burst of about 500 copies.
+	if (sock->uid != 0)
+		return;
+	const int room = 640 * 1024; // the kernel doubles it for its own needs
+	if (setsockopt(sock->fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) < 0)
+		setsockopt(sock->fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
+}
+
+void vek_free_deferred_logout(vek_deferred_logout *parked)
+{
+	list_del(&parked->list);
+	vek_free(parked);
+	deferred_logouts--;
+}
+
+void vek_begin_pass()
+{
+	if (patience_ms < PATIENCE_MS)
+		regrow_patience(now_ms());
+	pass_left_ms = std::max(patience_ms, MIN_PASS_MS);
+}

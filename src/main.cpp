@@ -1,0 +1,283 @@
+// main.cpp: the process: command line, start-up in its fixed order, the loop, shut-down. The bus, the socket
+// loop, the endpoints and the modules do the work; signal handlers only set flags that the loop acts on.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+#include "daemon.h"
+#include "endpoint.h"
+#include "init.h"
+#include "misc.h"
+#include "qzlog.h"
+#include "rbtree.h"
+#include "sock_event.h"
+#include "vek_event.h"
+
+int debug;
+std::uint64_t seconds_since_boot;
+volatile std::sig_atomic_t vek_need_exit, vek_do_timer, vek_config_change;
+
+namespace {
+
+constexpr int SECONDS_GET_CURRENT = 180;
+constexpr int DEFAULT_VEK_NICE_VALUE = 19;
+constexpr int TICKS_PER_10SECONDS_EVENT = 11;
+
+int ticks_since_reread = SECONDS_GET_CURRENT;
+int ticks_since_10seconds;
+std::uint64_t logout_defer_time = VEK_DEFAULT_LOGOUT_DEFER_TIME;
+bool pid_file_is_ours;
+
+using module_function = int (*)();
+constexpr module_function initcalls[] = {userdb_init, listener_init,   responder_init,
+					 logger_init, terminator_init, lockout_init};
+constexpr module_function exitcalls[] = {userdb_exit, lockout_exit};
+
+void dispatch_own(int number)
+{
+	vek_event event = vek_new_event(number);
+	vek_dispatch_event(&event, nullptr);
+}
+
+// ---- signals ----
+
+void vek_set_exit(int) { vek_need_exit = 1; }
+void vek_set_timer(int) { vek_do_timer = 1; }
+void vek_set_config_change(int) { vek_config_change = 1; }
+
+// Not restarting: a signal must end the wait of the socket pass.
+void handle_signal(int signal, void (*handler)(int))
+{
+	struct sigaction action {};
+	action.sa_handler = handler;
+	sigemptyset(&action.sa_mask);
+	sigaction(signal, &action, nullptr);
+}
+
+// ---- the pid file ----
+
+bool vek_pid_file_exists() { return access(VEK_PID_FILE, F_OK) == 0; }
+
+int vek_write_pid()
+{
+	const int fd = open(VEK_PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+	if (fd < 0)
+		return -1;
+	pid_file_is_ours = true;
+	dprintf(fd, "%d", static_cast<int>(getpid()));
+	close(fd);
+	return 0;
+}
+
+void vek_remove_pid()
+{
+	if (pid_file_is_ours)
+		unlink(VEK_PID_FILE);
+}
+
+// ---- the sockets ----
+
+int bind_endpoint(const char *path, int *listening_fd)
+{
+	*listening_fd = vek_bind_unix_address(path);
+	if (*listening_fd < 0)
+		return -1;
+	vek_sock_event_add_fd(*listening_fd, FD_READ, nullptr);
+	chmod(path, 0777);
+	return 0;
+}
+
+int vek_init_binding()
+{
+	unlink(VEK_ADDRESS_NOTIFY);
+	unlink(VEK_ADDRESS_REQUEST);
+	if (bind_endpoint(VEK_ADDRESS_NOTIFY, &vek_notify_fd) < 0)
+		return -1;
+	return bind_endpoint(VEK_ADDRESS_REQUEST, &vek_request_fd);
+}
+
+void vek_fini_binding()
+{
+	for (int *fd : {&vek_notify_fd, &vek_request_fd}) {
+		if (*fd < 0)
+			continue;
+		vek_sock_event_del_fd(*fd);
+		close(*fd);
+		*fd = -1;
+	}
+	while (vek_socket *sock = vek_socket_list.front())
+		vek_close_client(sock->fd, sock);
+	while (vek_deferred_logout *parked = vek_deferred_logout_list.front())
+		vek_free_deferred_logout(parked);
+}
+
+// ---- the life of the process ----
+
+void usage(const char *program) { std::printf("%s [-d] [-d] [-h]\n", program); }
+
+// Gives up a start: what was begun is undone, and the status says so.
+int give_up(const char *message)
+{
+	std::fputs(message, stderr);
+	vek_fini_binding();
+	vek_fini_event();
+	do_exitcalls();
+	return -1;
+}
+
+// 0 when the daemon is ready for its loop.
+int start_up()
+{
+	if (debug)
+		std::fprintf(stderr, "enter debugging mode: level: %d\n", debug);
+	vek_init_event();
+	vek_init_sock_event();
+	// Before the sockets: a daemon that runs keeps its names.
+	if (vek_pid_file_exists())
+		return give_up("Another vek daemon is running\n");
+	if (vek_init_binding() < 0)
+		return give_up("Can't init vek daemon!\n");
+	if (!debug && qzlog_init() != 0)
+		return give_up("Can't init log system!\n");
+	if (!debug && daemon(0, 0) < 0) {
+		std::fprintf(stderr, "Can't run as daemon: %d\n", errno);
+		return give_up("");
+	}
+	do_initcalls();
+
+	handle_signal(SIGINT, vek_set_exit);
+	handle_signal(SIGTERM, vek_set_exit);
+	handle_signal(SIGPIPE, SIG_IGN);
+	handle_signal(SIGHUP, vek_set_config_change);
+	vek_update_timer();
+	handle_signal(SIGALRM, vek_set_timer);
+	const itimerval every_second{{1, 0}, {1, 0}};
+	setitimer(ITIMER_REAL, &every_second, nullptr);
+
+	if (vek_write_pid() < 0)
+		return give_up("");
+	// The result may rightly be -1; a daemon with its old priority still serves.
+	if (nice(DEFAULT_VEK_NICE_VALUE) == -1)
+		errno = 0;
+	rb_root = create_rbtree();
+	handle_signal(SIGUSR1, print_rb_tree);
+	return 0;
+}
+
+void run()
+{
+	while (!vek_need_exit) {
+		vek_begin_pass();
+		if (vek_sock_event_loop(&vek_skevent) < 0)
+			break;
+		vek_run_deferred_logouts();
+		if (vek_do_timer) {
+			vek_do_timer = 0; // first, so that a signal during the tick is the next one
+			vek_tick();
+			vek_resume_accept();
+		}
+		if (vek_config_change) {
+			vek_config_change = 0;
+			dispatch_own(VEK_EVENT_CONFIG_CHANGE);
+		}
+		print_rb_tree_if_asked();
+	}
+}
+
+void shut_down()
+{
+	vek_remove_pid();
+	vek_fini_binding();
+	vek_fini_event();
+	do_exitcalls();
+}
+
+} // namespace
+
+void do_initcalls()
+{
+	for (module_function init : initcalls)
+		init();
+}
+
+void do_exitcalls()
+{
+	for (module_function exit : exitcalls)
+		exit();
+}
+
+unsigned long get_uptime() { return uptime(); }
+
+void vek_update_timer()
+{
+	if (ticks_since_reread++ < SECONDS_GET_CURRENT) {
+		seconds_since_boot++;
+		return;
+	}
+	seconds_since_boot = get_uptime();
+	ticks_since_reread = 0;
+}
+
+void vek_tick()
+{
+	vek_update_timer();
+	dispatch_own(VEK_EVENT_TIMER_SECOND);
+	if (++ticks_since_10seconds >= TICKS_PER_10SECONDS_EVENT) {
+		dispatch_own(VEK_EVENT_TIMER_10SECONDS);
+		ticks_since_10seconds = 0;
+	}
+}
+
+std::uint64_t get_logout_defer_time()
+{
+	if (access(VEK_LOGOUT_DEFER_TIME, F_OK) < 0)
+		return logout_defer_time;
+	logout_defer_time = VEK_DEFAULT_LOGOUT_DEFER_TIME;
+	char text[64];
+	if (vek_read_planted(VEK_LOGOUT_DEFER_TIME, text, sizeof(text)) < 0)
+		return logout_defer_time;
+	unlink(VEK_LOGOUT_DEFER_TIME);
+	const char *number = text + std::strspn(text, " \t\r\n");
+	if (*number >= '0' && *number <= '9')
+		logout_defer_time = std::strtoul(number, nullptr, 10);
+	return logout_defer_time;
+}
+
+void vek_run_deferred_logouts()
+{
+	if (vek_deferred_logout_list.empty())
+		return;
+	const std::uint64_t now = get_uptime();
+	const std::uint64_t defer_time = get_logout_defer_time();
+	// Oldest first, so the first that must wait ends the search.
+	while (vek_deferred_logout *parked = vek_deferred_logout_list.front()) {
+		if (now - parked->event_time <= defer_time)
+			break;
+		vek_event event = parked->event;
+		vek_free_deferred_logout(parked);
+		event.event = VEK_EVENT_USER_LOGOUT;
+		vek_dispatch_event(&event, nullptr);
+	}
+}
+
+int vekd_main(int argc, char **argv)
+{
+	opterr = 0;
+	for (int option; (option = getopt(argc, argv, "dh")) != -1;) {
+		switch (option) {
+		case 'd': debug++; break;
+		case 'h': usage(argv[0]); return 0;
+		default: break;
+		}
+	}
+	if (start_up() < 0)
+		return -1;
+	run();
+	shut_down();
+	return 0;
+}
