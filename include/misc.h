@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <cstring>
 
+#include "text.h"
+
 // Zero-filled memory, null on failure; vek_free releases it (null is fine).
 void *vek_malloc(std::size_t size);
 void vek_free(void *block);
@@ -44,15 +46,6 @@ void put_sem(key_t key);
 // One operation on semaphore 0 of set `id`, with SEM_UNDO, resumed when a signal interrupts it and given up
 // with errno EAGAIN after about one second as a whole. 0 or -1.
 int vek_semop(int id, int change);
-
-// Copies text, cut to the field, terminated; the rest of the field becomes zero, so that nothing of what was
-// there before reaches whoever is sent the record.
-template <std::size_t N> void copy_text(char (&field)[N], const char *text)
-{
-	const std::size_t length = strnlen(text, N - 1);
-	std::memcpy(field, text, length);
-	std::memset(field + length, 0, N - length);
-}
 
 // A file in a directory where anybody may plant one: opened only when it is a regular file and not a link (to
 // be written: nor a second name of some other file), without ever blocking. The descriptor or -1 with errno.

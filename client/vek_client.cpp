@@ -1,0 +1,485 @@
+// vek_client.cpp: the client's side of the daemon's two sockets, for programs in C and in C++. The protocol
+// is written here once; vekctl, the demo and the tests use it. An answer is read whole before the caller sees
+// any of it, so that a slow caller never keeps the daemon waiting. Nothing here needs the C++ library: no
+// allocation but malloc, no exceptions.
+#include "vek_client.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "text.h"
+#include "vek_fields.h"
+
+namespace {
+
+enum class connection : std::uint8_t { notify, request, subscribed, unusable };
+
+constexpr int backlog_pause_ms = 5; // between two attempts while the daemon's queue of connections is full
+
+} // namespace
+
+struct vek_client {
+	int fd;
+	int timeout_ms;
+	connection kind;
+	std::size_t copied;    // bytes of the copy that has begun to arrive
+	struct vek_event copy; // of a subscription
+};
+
+namespace {
+
+int failed(int error)
+{
+	errno = error;
+	return -1;
+}
+
+std::int64_t now_ms()
+{
+	struct timespec now = {};
+	clock_gettime(CLOCK_MONOTONIC, &now);
+	return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// The end of one call, whatever it does inside.
+class deadline {
+public:
+	explicit deadline(int timeout_ms) : end_(timeout_ms < 0 ? -1 : now_ms() + timeout_ms) {}
+
+	// As poll takes it: -1 without a limit, 0 when it has passed.
+	int remaining() const
+	{
+		if (end_ < 0)
+			return -1;
+		const std::int64_t left = end_ - now_ms();
+		return left <= 0 ? 0 : left > INT_MAX ? INT_MAX : static_cast<int>(left);
+	}
+
+	// Waits for `events` on the descriptor (negative: for `at_most_ms` alone). 0 or -1 with errno.
+	int wait(int fd, short events, int at_most_ms = -1) const
+	{
+		for (;;) {
+			const int left = remaining();
+			if (left == 0)
+				return failed(ETIMEDOUT);
+			const bool shorter = at_most_ms >= 0 && (left < 0 || at_most_ms < left);
+			struct pollfd ready = {fd, events, 0};
+			const int found = poll(&ready, 1, shorter ? at_most_ms : left);
+			if (found > 0 || (found == 0 && shorter))
+				return 0;
+			if (found < 0 && errno != EINTR)
+				return -1;
+		}
+	}
+
+private:
+	std::int64_t end_;
+};
+
+// A record goes out in one write, as the daemon takes it in one read.
+int send_record(int fd, const void *record, std::size_t size, const deadline &end)
+{
+	for (;;) {
+		const ssize_t sent = send(fd, record, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+		if (sent == static_cast<ssize_t>(size))
+			return 0;
+		if (sent >= 0)
+			return failed(EIO);
+		if (errno == EPIPE)
+			return failed(ECONNRESET);
+		if (errno == EAGAIN ? end.wait(fd, POLLOUT) < 0 : errno != EINTR)
+			return -1;
+	}
+}
+
+// Reads until `size` bytes are there, `have` of which are already.
+int receive(int fd, void *into, std::size_t size, std::size_t &have, const deadline &end)
+{
+	while (have < size) {
+		const ssize_t got = recv(fd, static_cast<char *>(into) + have, size - have, MSG_DONTWAIT);
+		if (got > 0)
+			have += static_cast<std::size_t>(got);
+		else if (got == 0)
+			return failed(ECONNRESET);
+		else if (errno == EAGAIN ? end.wait(fd, POLLIN) < 0 : errno != EINTR)
+			return -1;
+	}
+	return 0;
+}
+
+int receive(int fd, void *into, std::size_t size, const deadline &end)
+{
+	std::size_t have = 0;
+	return receive(fd, into, size, have, end);
+}
+
+int connect_to(const char *path, const deadline &end)
+{
+	const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+	if (fd < 0)
+		return -1;
+	struct sockaddr_un address = {};
+	address.sun_family = AF_UNIX;
+	std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
+	while (connect(fd, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) < 0) {
+		// A full queue shows as EAGAIN, and nothing can be polled for its having room again.
+		if (errno == EINTR || (errno == EAGAIN && end.wait(-1, 0, backlog_pause_ms) == 0))
+			continue;
+		const int error = errno;
+		close(fd);
+		return failed(error);
+	}
+	return fd;
+}
+
+struct vek_client *open_at(const char *path, connection kind, int timeout_ms)
+{
+	const int fd = connect_to(path, deadline(timeout_ms));
+	if (fd < 0)
+		return nullptr;
+	auto *client = static_cast<struct vek_client *>(std::calloc(1, sizeof(struct vek_client)));
+	if (client == nullptr) {
+		close(fd);
+		errno = ENOMEM;
+		return nullptr;
+	}
+	client->fd = fd;
+	client->timeout_ms = timeout_ms;
+	client->kind = kind;
+	return client;
+}
+
+bool is(const struct vek_client *client, connection kind)
+{
+	if (client != nullptr && client->kind == kind)
+		return true;
+	errno = client != nullptr && client->kind == connection::unusable ? ENOTCONN : EINVAL;
+	return false;
+}
+
+// What remains of a failed exchange may still arrive and would pass for the next answer.
+int give_up(struct vek_client *client)
+{
+	client->kind = connection::unusable;
+	return -1;
+}
+
+int give_up(struct vek_client *client, int error)
+{
+	errno = error;
+	return give_up(client);
+}
+
+// The numbers that the notify socket answers.
+bool is_answered(std::int32_t event)
+{
+	switch (event) {
+	case VEK_EVENT_USER_LOGIN:
+	case VEK_EVENT_USER_SOCIAL_LOGIN_STAGE1:
+	case VEK_EVENT_USER_SOCIAL_LOGIN_STAGE2:
+	case VEK_EVENT_USER_LOGOUT:
+	case VEK_EVENT_USER_LOGOUT2:
+	case VEK_EVENT_TUNNEL_UP:
+	case VEK_EVENT_TUNNEL_DOWN:
+	case VEK_EVENT_USER_TUNNEL_UP:
+	case VEK_EVENT_USER_TUNNEL_DOWN:
+	case VEK_EVENT_WEB_USER_LOGOUT:
+	case VEK_EVENT_UPDATE_LEASE_TIME:
+	case VEK_EVENT_UPDATE_IDLE_TIME:
+	case VEK_EVENT_UPDATE_REAUTH_TIME:
+	case VEK_EVENT_UPDATE_ROAMING_STA_IP:
+	case VEK_EVENT_USER_LOGOUT_REVOCABLE:
+	case VEK_EVENT_USER_LOGOUT_REVOKE:
+	case VEK_EVENT_UPDATE_ACCOUNTING_STATUS:
+	case VEK_EVENT_RENAME_RADIUS_PROFILE_NAME:
+	case VEK_EVENT_UPDATE_SSH_TTY: return true;
+	default: return false;
+	}
+}
+
+// Sends a request and reads its answer's header. The header's count, at most `most`, or -1.
+int ask(struct vek_client *client, const struct vek_request &request, int most, const deadline &end)
+{
+	if (!is(client, connection::request))
+		return -1;
+	struct vek_event header;
+	if (send_record(client->fd, &request, sizeof(request), end) < 0 ||
+	    receive(client->fd, &header, sizeof(header), end) < 0)
+		return give_up(client);
+	if (header.event != VEK_EVENT_QUERY_RESULT || header.count < 0 || header.count > most)
+		return give_up(client, EPROTO);
+	return header.count;
+}
+
+int query(struct vek_client *client, const struct vek_request &request, vek_client_session_fn *each,
+	  void *arg)
+{
+	const deadline end(client != nullptr ? client->timeout_ms : 0);
+	const int count =
+	    ask(client, request, request.method == VEK_QUERY_FROM_FIRST ? 1 : VEK_MAX_USERS, end);
+	if (count <= 0)
+		return count;
+	const std::size_t size = static_cast<std::size_t>(count) * sizeof(struct user_info);
+	auto *sessions = static_cast<struct user_info *>(std::malloc(size));
+	if (sessions == nullptr)
+		return give_up(client, ENOMEM);
+	if (receive(client->fd, sessions, size, end) < 0) {
+		const int error = errno;
+		std::free(sessions);
+		return give_up(client, error);
+	}
+	bool wanted = each != nullptr;
+	for (int i = 0; wanted && i < count; i++) {
+		cut_text(user_info_fields, &sessions[i]);
+		wanted = each(&sessions[i], arg) == 0;
+	}
+	std::free(sessions);
+	return count;
+}
+
+struct vek_request asking(enum vek_method method)
+{
+	struct vek_request request = {};
+	request.method = method;
+	return request;
+}
+
+struct vek_request asking(enum vek_method method, std::uint32_t ip)
+{
+	struct vek_request request = asking(method);
+	request.u.ip = ip;
+	return request;
+}
+
+struct vek_request asking(enum vek_method method, const struct in6_addr &ip6)
+{
+	struct vek_request request = asking(method);
+	request.u.ip6 = ip6;
+	request.req_flags = VEK_HANDLE_FLAG_IPV6_ADDR;
+	return request;
+}
+
+struct vek_request asking_name(const char *username)
+{
+	struct vek_request request = asking(VEK_QUERY_NAME);
+	copy_text(request.u.username, username);
+	return request;
+}
+
+// Sessions copied out of an answer, as many as there is room for.
+struct storage {
+	struct user_info *sessions;
+	int room;
+	int stored;
+};
+
+int store(const struct user_info *session, void *arg)
+{
+	auto *into = static_cast<struct storage *>(arg);
+	if (into->stored >= into->room)
+		return 1;
+	into->sessions[into->stored++] = *session;
+	return 0;
+}
+
+int fetch(struct vek_client *client, const struct vek_request &request, struct user_info *sessions, int room)
+{
+	struct storage into = {sessions, sessions != nullptr ? room : 0, 0};
+	return query(client, request, store, &into);
+}
+
+// Reports the logouts of one service's sessions as an answer is walked.
+struct ending {
+	struct vek_client *notify;
+	const char *service;
+	const deadline &end;
+	int ended;
+	int error;
+};
+
+int end_session(const struct user_info *session, void *arg)
+{
+	auto *ending = static_cast<struct ending *>(arg);
+	if (std::strcmp(session->service, ending->service) != 0)
+		return 0;
+	struct vek_event logout = {};
+	logout.event = VEK_EVENT_USER_LOGOUT;
+	copy_text(logout.service, session->service);
+	copy_text(logout.username, session->username);
+	copy_text(logout.real_username, session->username);
+	copy_text(logout.unique, session->unique);
+	logout.ip = session->ip;
+	logout.ip6 = session->ip6;
+	if (!IN6_IS_ADDR_UNSPECIFIED(&session->ip6))
+		logout.event_flag = VEK_EVENT_FLAG_USED_IPV6_ADDR;
+	vek_client_set_timeout(ending->notify, ending->end.remaining());
+	// Nobody matched: the logout of one alike, or the user, was faster. It is ended all the same.
+	if (vek_client_report(ending->notify, &logout) < 0) {
+		ending->error = errno;
+		return 1;
+	}
+	ending->ended++;
+	return 0;
+}
+
+} // namespace
+
+struct vek_client *vek_client_open_notify(int timeout_ms)
+{
+	return open_at(VEK_ADDRESS_NOTIFY, connection::notify, timeout_ms);
+}
+
+struct vek_client *vek_client_open_request(int timeout_ms)
+{
+	return open_at(VEK_ADDRESS_REQUEST, connection::request, timeout_ms);
+}
+
+void vek_client_close(struct vek_client *client)
+{
+	if (client == nullptr)
+		return;
+	close(client->fd);
+	std::free(client);
+}
+
+int vek_client_fd(const struct vek_client *client) { return client->fd; }
+
+void vek_client_set_timeout(struct vek_client *client, int timeout_ms) { client->timeout_ms = timeout_ms; }
+
+int vek_client_report(struct vek_client *client, const struct vek_event *event)
+{
+	if (!is(client, connection::notify))
+		return -1;
+	if (event == nullptr || !is_answered(event->event))
+		return failed(EINVAL);
+	const deadline end(client->timeout_ms);
+	struct vek_event record = *event;
+	cut_text(vek_event_fields, &record);
+	struct vek_response response;
+	if (send_record(client->fd, &record, sizeof(record), end) < 0 ||
+	    receive(client->fd, &response, sizeof(response), end) < 0)
+		return give_up(client);
+	if (response.code != VEK_RESPONSE_SUCCESS && response.code != VEK_RESPONSE_FAIL)
+		return give_up(client, EPROTO);
+	return response.code;
+}
+
+int vek_client_query_name(struct vek_client *client, const char *username, vek_client_session_fn *each,
+			  void *arg)
+{
+	return query(client, asking_name(username), each, arg);
+}
+
+int vek_client_query_ip(struct vek_client *client, uint32_t ip, vek_client_session_fn *each, void *arg)
+{
+	return query(client, asking(VEK_QUERY_FROM, ip), each, arg);
+}
+
+int vek_client_query_ip6(struct vek_client *client, const struct in6_addr *ip6, vek_client_session_fn *each,
+			 void *arg)
+{
+	return query(client, asking(VEK_QUERY_FROM, *ip6), each, arg);
+}
+
+int vek_client_query_ip_first(struct vek_client *client, uint32_t ip, vek_client_session_fn *each, void *arg)
+{
+	return query(client, asking(VEK_QUERY_FROM_FIRST, ip), each, arg);
+}
+
+int vek_client_query_ip6_first(struct vek_client *client, const struct in6_addr *ip6,
+			       vek_client_session_fn *each, void *arg)
+{
+	return query(client, asking(VEK_QUERY_FROM_FIRST, *ip6), each, arg);
+}
+
+int vek_client_query_all(struct vek_client *client, vek_client_session_fn *each, void *arg)
+{
+	return query(client, asking(VEK_QUERY_ALL), each, arg);
+}
+
+int vek_client_fetch_all(struct vek_client *client, struct user_info *sessions, int room)
+{
+	return fetch(client, asking(VEK_QUERY_ALL), sessions, room);
+}
+
+int vek_client_fetch_name(struct vek_client *client, const char *username, struct user_info *sessions,
+			  int room)
+{
+	return fetch(client, asking_name(username), sessions, room);
+}
+
+int vek_client_count(struct vek_client *client)
+{
+	const deadline end(client != nullptr ? client->timeout_ms : 0);
+	const int count = ask(client, asking(VEK_QUERY_TOTAL_USER_NUM), INT_MAX, end);
+	if (count < 0)
+		return -1;
+	std::int32_t again = -1;
+	if (receive(client->fd, &again, sizeof(again), end) < 0)
+		return give_up(client);
+	return again == count ? count : give_up(client, EPROTO);
+}
+
+int vek_client_subscribe(struct vek_client *client)
+{
+	if (!is(client, connection::request))
+		return -1;
+	const struct vek_request request = asking(VEK_LISTEN);
+	if (send_record(client->fd, &request, sizeof(request), deadline(client->timeout_ms)) < 0)
+		return give_up(client);
+	client->kind = connection::subscribed;
+	return 0;
+}
+
+int vek_client_next(struct vek_client *client, struct vek_event *event)
+{
+	if (!is(client, connection::subscribed))
+		return -1;
+	// A copy that had begun to arrive when the time was up goes on where it stopped.
+	if (receive(client->fd, &client->copy, sizeof(client->copy), client->copied,
+		    deadline(client->timeout_ms)) < 0)
+		return errno == ETIMEDOUT ? -1 : give_up(client);
+	client->copied = 0;
+	*event = client->copy;
+	cut_text(vek_event_fields, event);
+	if (event->event <= 0 || event->event >= VEK_EVENT_LIMIT)
+		return give_up(client, EPROTO);
+	return 1;
+}
+
+int vek_client_end_service(const char *service, int timeout_ms)
+{
+	if (service == nullptr || *service == '\0')
+		return failed(EINVAL);
+	char name[VEK_SERVICE_LEN];
+	copy_text(name, service);
+	const deadline end(timeout_ms);
+	struct vek_client *request = vek_client_open_request(timeout_ms);
+	if (request == nullptr)
+		return -1;
+	struct vek_client *notify = vek_client_open_notify(end.remaining());
+	int ended = -1;
+	int error = errno;
+	if (notify != nullptr) {
+		struct ending ending = {notify, name, end, 0, 0};
+		vek_client_set_timeout(request, end.remaining());
+		if (vek_client_query_all(request, end_session, &ending) < 0)
+			error = errno;
+		else if (ending.error != 0)
+			error = ending.error;
+		else
+			ended = ending.ended;
+		vek_client_close(notify);
+	}
+	vek_client_close(request);
+	if (ended < 0)
+		errno = error;
+	return ended;
+}
