@@ -1,0 +1,107 @@
+// config.cpp: the shared logon configuration block: shown, and changed field by field, after which the daemon
+// is told to look at it again.
+#include <csignal>
+
+#include "fields.h"
+#include "shared.h"
+
+namespace {
+
+constexpr char block_name[] = "logon configuration block";
+
+struct config_key {
+	const char *name;
+	const char *unit;
+	std::uint32_t most;
+	std::uint32_t (*get)(const user_config &config);
+	void (*set)(user_config &config, std::uint32_t value);
+};
+
+// Some are flags that share a byte, so there is no pointing at them.
+// clang-format off
+#define CONFIG_KEY(field, unit, most)                                                    \
+	config_key{#field, unit, most,                                                   \
+		[](const user_config &config) { return std::uint32_t{config.field}; },   \
+		[](user_config &config, std::uint32_t value) { config.field = value; }}
+// clang-format on
+
+constexpr config_key keys[] = {
+    CONFIG_KEY(enforce_admin_logon_count, "", 1),       CONFIG_KEY(enforce_access_logon_count, "", 1),
+    CONFIG_KEY(browser_close_with_logout, "", 1),       CONFIG_KEY(max_admin_logon_count, "", UINT32_MAX),
+    CONFIG_KEY(max_access_logon_count, "", UINT32_MAX), CONFIG_KEY(enable_idle_detection, "", 1),
+    CONFIG_KEY(max_idle_minute, "minutes", UINT32_MAX), CONFIG_KEY(enable_auto_lease_update, "", 1),
+};
+
+void print(const settings &set, const user_config &config)
+{
+	if (set.json) {
+		json result = json_result();
+		for (const config_key &key : keys)
+			result["config"][key.name] = key.get(config);
+		return put_json(result);
+	}
+	table lines({"KEY", "VALUE", "UNIT"});
+	for (const config_key &key : keys)
+		lines.row({key.name, std::to_string(key.get(config)), key.unit});
+	lines.print(!set.no_header);
+}
+
+void show_config(const settings &set)
+{
+	const shared_block<const user_config> block(USER_CONFIG_IPC_KEY, block_name, false);
+	print(set, *block);
+}
+
+struct assignment {
+	const config_key *key;
+	std::uint32_t value;
+};
+
+assignment parse(const std::string &text)
+{
+	const std::size_t equals = text.find('=');
+	const std::string name = text.substr(0, equals);
+	const config_key *found = nullptr;
+	for (const config_key &key : keys)
+		if (name == key.name)
+			found = &key;
+	if (found == nullptr)
+		throw failure{status_usage,
+			      "there is no key \"" + escaped(name) + "\"; see: vekctl config show"};
+	const auto value = equals == std::string::npos ? std::nullopt : whole_number(text.substr(equals + 1));
+	if (!value || *value < 0 || *value > found->most)
+		throw failure{status_usage,
+			      name + " needs a number from 0 to " + std::to_string(found->most)};
+	return {found, static_cast<std::uint32_t>(*value)};
+}
+
+void set_config(const settings &set, const std::vector<std::string> &texts)
+{
+	std::vector<assignment> assignments;
+	for (const std::string &text : texts)
+		assignments.push_back(parse(text));
+	const int pid = daemon_pid();
+	const shared_block<user_config> block(USER_CONFIG_IPC_KEY, block_name, true);
+	for (const auto &[key, value] : assignments)
+		key->set(*block, value);
+	signal_daemon(pid, SIGHUP);
+	if (set.json)
+		print(set, *block);
+}
+
+} // namespace
+
+void add_config_command(CLI::App &app, settings &set)
+{
+	CLI::App *config = add_command(
+	    app, set, "config", "The shared logon configuration: show (as without) or set",
+	    "vekctl config set enable_idle_detection=1 max_idle_minute=10", [&set] { show_config(set); });
+	config->require_subcommand(0, 1);
+	add_command(*config, set, "show", "Show the configuration", "vekctl config show --json",
+		    [&set] { show_config(set); });
+	auto texts = std::make_shared<std::vector<std::string>>();
+	add_command(*config, set, "set", "Change keys and tell the daemon",
+		    "vekctl config set max_idle_minute=10", [&set, texts] { set_config(set, *texts); })
+	    ->add_option("KEY=VALUE", *texts, "keys as config show lists them")
+	    ->required();
+}

@@ -1,0 +1,250 @@
+// watch.cpp: following logins and logouts as they happen. A lost connection is announced and taken up again;
+// what may have been missed meanwhile is marked in the output.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include "events.h"
+
+namespace {
+
+using clock_type = std::chrono::steady_clock;
+
+struct watch_options {
+	double seconds = 0;
+	int count = 0;
+};
+
+struct wording {
+	int event;
+	int sub_event;
+	const char *words;
+	const char *colour;
+};
+
+constexpr char green[] = "\033[32m", yellow[] = "\033[33m", red[] = "\033[31m", cyan[] = "\033[36m";
+
+constexpr wording wordings[] = {
+    {VEK_EVENT_USER_LOGIN, 0, "logged in", green},
+    {VEK_EVENT_USER_SOCIAL_LOGIN_STAGE2, 0, "finished the social login", green},
+    {VEK_EVENT_USER_LOGOUT, VEK_EVENT_USER_FORCE_LOGOUT, "was logged out by force", red},
+    {VEK_EVENT_USER_LOGOUT, VEK_EVENT_CONFIG_CHANGE, "was logged out by a new configuration", red},
+    {VEK_EVENT_USER_LOGOUT, 0, "logged out", yellow},
+    {VEK_EVENT_USER_LOGOUT2, VEK_EVENT_USER_SESSION_TIMEOUT, "reached the end of the session's time", red},
+    {VEK_EVENT_USER_LOGOUT2, VEK_EVENT_USER_FORCE_LOGOUT, "was logged out by force", red},
+    {VEK_EVENT_USER_LOGOUT2, VEK_EVENT_CONFIG_CHANGE, "was logged out by a new configuration", red},
+    {VEK_EVENT_USER_LOGOUT2, 0, "logged out", yellow},
+    {VEK_EVENT_USER_REAUTH_TIMEOUT, 0, "had to authenticate again", red},
+    {VEK_EVENT_USER_LEASE_TIMEOUT, 0, "reached the end of the lease", red},
+    {VEK_EVENT_USER_IDLE_TIMEOUT, 0, "was idle for too long", red},
+    {VEK_EVENT_USER_TUNNEL_UP, 0, "has a tunnel", cyan},
+    {VEK_EVENT_USER_TUNNEL_DOWN, 0, "has no tunnel any more", cyan},
+};
+
+// The row of the event's cause, else the event's own.
+const wording *words_for(const vek_event &event)
+{
+	for (const int cause : {event.sub_event, 0})
+		for (const wording &row : wordings)
+			if (row.event == event.event && row.sub_event == cause)
+				return &row;
+	return nullptr;
+}
+
+std::string time_text(const char *format)
+{
+	const std::time_t now = std::time(nullptr);
+	char text[64] = "";
+	struct tm parts = {};
+	std::strftime(text, sizeof(text), format, localtime_r(&now, &parts));
+	return text;
+}
+
+// As in 2026-11-22T21:04:05+01:00.
+std::string rfc3339_now()
+{
+	std::string text = time_text("%Y-%m-%dT%H:%M:%S%z");
+	return text.insert(text.size() - 2, ":");
+}
+
+class printer {
+public:
+	explicit printer(const settings &set)
+	    : json_(set.json), coloured_(isatty(STDOUT_FILENO) && !std::getenv("NO_COLOR"))
+	{
+	}
+
+	void event(const vek_event &event) const
+	{
+		if (json_) {
+			json line = json_result();
+			line["time"] = rfc3339_now();
+			line["event"] = event.event;
+			line["event_name"] = event_name(event.event);
+			line.update(record_json(vek_event_fields, &event));
+			return put_json(line);
+		}
+		const wording *row = words_for(event);
+		const bool has_ip6 = (event.event_flag & VEK_EVENT_FLAG_USED_IPV6_ADDR) != 0;
+		const std::string name = *event.real_username ? event.real_username : event.username;
+		const std::string who =
+		    describe(name, event.service, event.type,
+			     has_ip6 ? address_text(0, event.ip6) : address_text(event.ip, in6_addr{}));
+		line(who + " " + (row ? row->words : event_name(event.event)), row ? row->colour : "");
+	}
+
+	void gap(const std::string &since) const
+	{
+		if (!json_)
+			return line("-- events since " + since.substr(11, 8) + " may be missing --", red);
+		json line = json_result();
+		line["time"] = rfc3339_now();
+		line["gap"] = true;
+		line["since"] = since;
+		put_json(line);
+	}
+
+private:
+	void line(const std::string &text, const std::string &colour) const
+	{
+		const std::string whole = cut(time_text("%H:%M:%S") + " " + text, terminal_width());
+		put_line(coloured_ && !colour.empty() ? colour + whole + "\033[0m" : whole);
+	}
+
+	bool json_;
+	bool coloured_;
+};
+
+class watcher {
+public:
+	watcher(const settings &set, const watch_options &options) : set_(set), options_(options), out_(set)
+	{
+		sigset_t signals;
+		sigemptyset(&signals);
+		sigaddset(&signals, SIGINT);
+		sigaddset(&signals, SIGTERM);
+		sigprocmask(SIG_BLOCK, &signals, nullptr);
+		signals_ = signalfd(-1, &signals, SFD_CLOEXEC);
+		if (options.seconds > 0)
+			end_ = clock_type::now() +
+			       std::chrono::milliseconds(static_cast<long long>(options.seconds * 1000));
+	}
+
+	void run()
+	{
+		subscribe(set_.timeout_ms());
+		outcome end = passed;
+		for (int seen = 0; end == passed || end == ready;) {
+			end = wait(vek_client_fd(client_.get()), -1);
+			if (end != ready)
+				break;
+			vek_event event;
+			if (vek_client_next(client_.get(), &event) > 0) {
+				out_.event(event);
+				if (++seen == options_.count)
+					return;
+			} else if (errno == EPROTO) {
+				throw client_failure("cannot watch");
+			} else if (errno != ETIMEDOUT) {
+				end = reconnect();
+			}
+		}
+		if (end == over && options_.count > 0)
+			throw failure{status_timed_out,
+				      "fewer than " + std::to_string(options_.count) + " events came"};
+	}
+
+private:
+	enum outcome { ready, passed, over, interrupted };
+
+	// Until there is something to read, `at_most_ms` have passed, the watch is over, or somebody ends it.
+	outcome wait(int fd, int at_most_ms)
+	{
+		for (;;) {
+			int left = at_most_ms;
+			if (options_.seconds > 0) {
+				const auto rest =
+				    std::chrono::ceil<std::chrono::milliseconds>(end_ - clock_type::now())
+					.count();
+				if (rest <= 0)
+					return over;
+				left = static_cast<int>(left < 0 ? std::min<long long>(rest, 3600000)
+								 : std::min<long long>(left, rest));
+			}
+			// Nothing is asked of standard output: a reader that went away shows as an error.
+			struct pollfd watched[] = {
+			    {fd, POLLIN, 0}, {signals_, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+			const int found = poll(watched, std::size(watched), left);
+			if (found < 0 && errno != EINTR)
+				throw failure{status_refused, "cannot wait for events"};
+			if (found > 0 && watched[1].revents)
+				return interrupted;
+			if (found > 0 && (watched[2].revents & (POLLERR | POLLNVAL)))
+				throw failure{status_refused, ""};
+			if (found > 0 && watched[0].revents)
+				return ready;
+			if (found == 0 && at_most_ms >= 0 && left == at_most_ms)
+				return passed;
+		}
+	}
+
+	void subscribe(int timeout_ms)
+	{
+		settings within = set_;
+		within.timeout = timeout_ms / 1000.0;
+		client_ = connect_request(within);
+		checked(vek_client_subscribe(client_.get()), "cannot subscribe");
+	}
+
+	// Anything but `passed`: the command is to end.
+	outcome reconnect()
+	{
+		const std::string since = rfc3339_now();
+		std::fprintf(stderr, "vekctl: lost the connection to vekd, trying again\n");
+		client_.reset();
+		outcome end = passed;
+		for (int pause_ms = 50;; pause_ms = std::min(2 * pause_ms, 1000)) {
+			end = wait(-1, pause_ms);
+			if (end != passed)
+				break;
+			try {
+				subscribe(std::min(set_.timeout_ms(), 1000));
+				std::fprintf(stderr, "vekctl: connected again\n");
+				break;
+			} catch (const failure &) {
+				client_.reset();
+			}
+		}
+		out_.gap(since);
+		return end;
+	}
+
+	const settings &set_;
+	const watch_options &options_;
+	printer out_;
+	connection client_{nullptr, &vek_client_close};
+	int signals_;
+	clock_type::time_point end_;
+};
+
+} // namespace
+
+void add_watch_command(CLI::App &app, settings &set)
+{
+	auto options = std::make_shared<watch_options>();
+	CLI::App *command =
+	    add_command(app, set, "watch", "Follow logins and logouts as they happen",
+			"vekctl watch --for 60 --json", [&set, options] { watcher(set, *options).run(); });
+	command->add_option("--for", options->seconds, "end after so many seconds")
+	    ->check(CLI::Range(0.001, 1e9))
+	    ->type_name("SECONDS");
+	command->add_option("--count", options->count, "end after so many events")
+	    ->check(CLI::Range(1, 1000000000));
+}
