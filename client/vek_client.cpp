@@ -177,33 +177,6 @@ int give_up(struct vek_client *client, int error)
 	return give_up(client);
 }
 
-// The numbers that the notify socket answers.
-bool is_answered(std::int32_t event)
-{
-	switch (event) {
-	case VEK_EVENT_USER_LOGIN:
-	case VEK_EVENT_USER_SOCIAL_LOGIN_STAGE1:
-	case VEK_EVENT_USER_SOCIAL_LOGIN_STAGE2:
-	case VEK_EVENT_USER_LOGOUT:
-	case VEK_EVENT_USER_LOGOUT2:
-	case VEK_EVENT_TUNNEL_UP:
-	case VEK_EVENT_TUNNEL_DOWN:
-	case VEK_EVENT_USER_TUNNEL_UP:
-	case VEK_EVENT_USER_TUNNEL_DOWN:
-	case VEK_EVENT_WEB_USER_LOGOUT:
-	case VEK_EVENT_UPDATE_LEASE_TIME:
-	case VEK_EVENT_UPDATE_IDLE_TIME:
-	case VEK_EVENT_UPDATE_REAUTH_TIME:
-	case VEK_EVENT_UPDATE_ROAMING_STA_IP:
-	case VEK_EVENT_USER_LOGOUT_REVOCABLE:
-	case VEK_EVENT_USER_LOGOUT_REVOKE:
-	case VEK_EVENT_UPDATE_ACCOUNTING_STATUS:
-	case VEK_EVENT_RENAME_RADIUS_PROFILE_NAME:
-	case VEK_EVENT_UPDATE_SSH_TTY: return true;
-	default: return false;
-	}
-}
-
 // Sends a request and reads its answer's header. The header's count, at most `most`, or -1.
 int ask(struct vek_client *client, const struct vek_request &request, int most, const deadline &end)
 {
@@ -357,7 +330,7 @@ int vek_client_report(struct vek_client *client, const struct vek_event *event)
 {
 	if (!is(client, connection::notify))
 		return -1;
-	if (event == nullptr || !is_answered(event->event))
+	if (event == nullptr || !vek_event_is_reported(event->event))
 		return failed(EINVAL);
 	const deadline end(client->timeout_ms);
 	struct vek_event record = *event;

@@ -255,6 +255,33 @@ VEK_AT(vek_event, ssh_tty, 1072);
 	((a)->ip == (b)->ip && strcmp((a)->unique, (b)->unique) == 0 &&                                      \
 	 strcmp((a)->service, (b)->service) == 0 && strcmp((a)->username, (b)->username) == 0)
 
+/* The numbers that a service may report, each answered with a vek_response; all others are ignored. */
+static inline int vek_event_is_reported(int event)
+{
+	switch (event) {
+	case VEK_EVENT_USER_LOGIN:
+	case VEK_EVENT_USER_SOCIAL_LOGIN_STAGE1:
+	case VEK_EVENT_USER_SOCIAL_LOGIN_STAGE2:
+	case VEK_EVENT_USER_LOGOUT:
+	case VEK_EVENT_USER_LOGOUT2:
+	case VEK_EVENT_TUNNEL_UP:
+	case VEK_EVENT_TUNNEL_DOWN:
+	case VEK_EVENT_USER_TUNNEL_UP:
+	case VEK_EVENT_USER_TUNNEL_DOWN:
+	case VEK_EVENT_WEB_USER_LOGOUT:
+	case VEK_EVENT_UPDATE_LEASE_TIME:
+	case VEK_EVENT_UPDATE_IDLE_TIME:
+	case VEK_EVENT_UPDATE_REAUTH_TIME:
+	case VEK_EVENT_UPDATE_ROAMING_STA_IP:
+	case VEK_EVENT_USER_LOGOUT_REVOCABLE:
+	case VEK_EVENT_USER_LOGOUT_REVOKE:
+	case VEK_EVENT_UPDATE_ACCOUNTING_STATUS:
+	case VEK_EVENT_RENAME_RADIUS_PROFILE_NAME:
+	case VEK_EVENT_UPDATE_SSH_TTY: return 1;
+	default: return 0;
+	}
+}
+
 #define VEK_RESPONSE_SUCCESS 0
 #define VEK_RESPONSE_FAIL 1
 

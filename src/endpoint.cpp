@@ -211,34 +211,6 @@ bool read_record(vek_socket *sock, void *record, std::size_t size)
 
 // ---- notify records ----
 
-enum class treatment : std::uint8_t { ignore, dispatch, park, revoke };
-
-constexpr treatment treatment_of(int event)
-{
-	switch (event) {
-	case VEK_EVENT_USER_LOGIN:
-	case VEK_EVENT_USER_SOCIAL_LOGIN_STAGE1:
-	case VEK_EVENT_USER_SOCIAL_LOGIN_STAGE2:
-	case VEK_EVENT_USER_LOGOUT:
-	case VEK_EVENT_USER_LOGOUT2:
-	case VEK_EVENT_TUNNEL_UP:
-	case VEK_EVENT_TUNNEL_DOWN:
-	case VEK_EVENT_USER_TUNNEL_UP:
-	case VEK_EVENT_USER_TUNNEL_DOWN:
-	case VEK_EVENT_WEB_USER_LOGOUT:
-	case VEK_EVENT_UPDATE_LEASE_TIME:
-	case VEK_EVENT_UPDATE_IDLE_TIME:
-	case VEK_EVENT_UPDATE_REAUTH_TIME:
-	case VEK_EVENT_UPDATE_ROAMING_STA_IP:
-	case VEK_EVENT_UPDATE_ACCOUNTING_STATUS:
-	case VEK_EVENT_RENAME_RADIUS_PROFILE_NAME:
-	case VEK_EVENT_UPDATE_SSH_TTY: return treatment::dispatch;
-	case VEK_EVENT_USER_LOGOUT_REVOCABLE: return treatment::park;
-	case VEK_EVENT_USER_LOGOUT_REVOKE: return treatment::revoke;
-	default: return treatment::ignore;
-	}
-}
-
 // As many as there can be sessions to log out.
 constexpr int MAX_DEFERRED_LOGOUTS = VEK_MAX_USERS;
 int deferred_logouts;
@@ -371,17 +343,17 @@ void vek_handle_notify(int fd, vek_socket *sock)
 		return vek_close_client(fd, sock);
 	cut_text(vek_event_fields, &event);
 
+	if (!vek_event_is_reported(event.event))
+		return;
+
 	int code = VEK_RESPONSE_FAIL;
-	switch (treatment_of(event.event)) {
-	case treatment::ignore: return;
-	case treatment::dispatch: code = dispatch_notice(&event, sock); break;
-	case treatment::park:
-		if (!park_logout(event)) {
-			event.event = VEK_EVENT_USER_LOGOUT;
-			code = dispatch_notice(&event, sock);
-		}
-		break;
-	case treatment::revoke: revoke_logouts(event); break;
+	if (event.event == VEK_EVENT_USER_LOGOUT_REVOKE) {
+		revoke_logouts(event);
+	} else if (event.event != VEK_EVENT_USER_LOGOUT_REVOCABLE) {
+		code = dispatch_notice(&event, sock);
+	} else if (!park_logout(event)) {
+		event.event = VEK_EVENT_USER_LOGOUT;
+		code = dispatch_notice(&event, sock);
 	}
 	if (vek_send_response(code, fd) < 0)
 		vek_close_client(fd, sock);
