@@ -29,8 +29,10 @@ struct vek_client {
 	int fd;
 	int timeout_ms;
 	connection kind;
-	std::size_t copied;    // bytes of the copy that has begun to arrive
-	struct vek_event copy; // of a subscription
+	std::size_t copied;      // bytes of the copy that has begun to arrive
+	struct vek_event copy;   // of a subscription
+	struct vek_event *early; // copies that came before the subscription was confirmed, `pending` of them
+	int pending;
 };
 
 namespace {
@@ -210,7 +212,7 @@ int query(struct vek_client *client, const struct vek_request &request, vek_clie
 	}
 	bool wanted = each != nullptr;
 	for (int i = 0; wanted && i < count; i++) {
-		cut_text(user_info_fields, &sessions[i]);
+		cut_text<user_info_fields>(&sessions[i]);
 		wanted = each(&sessions[i], arg) == 0;
 	}
 	std::free(sessions);
@@ -302,6 +304,17 @@ int end_session(const struct user_info *session, void *arg)
 	return 0;
 }
 
+bool keep_early(struct vek_client *client, const struct vek_event &record)
+{
+	const std::size_t size = (static_cast<std::size_t>(client->pending) + 1) * sizeof(record);
+	auto *grown = static_cast<struct vek_event *>(std::realloc(client->early, size));
+	if (grown == nullptr)
+		return false;
+	client->early = grown;
+	client->early[client->pending++] = record;
+	return true;
+}
+
 } // namespace
 
 struct vek_client *vek_client_open_notify(int timeout_ms)
@@ -319,6 +332,7 @@ void vek_client_close(struct vek_client *client)
 	if (client == nullptr)
 		return;
 	close(client->fd);
+	std::free(client->early);
 	std::free(client);
 }
 
@@ -334,7 +348,7 @@ int vek_client_report(struct vek_client *client, const struct vek_event *event)
 		return failed(EINVAL);
 	const deadline end(client->timeout_ms);
 	struct vek_event record = *event;
-	cut_text(vek_event_fields, &record);
+	cut_text<vek_event_fields>(&record);
 	struct vek_response response;
 	if (send_record(client->fd, &record, sizeof(record), end) < 0 ||
 	    receive(client->fd, &response, sizeof(response), end) < 0)
@@ -404,24 +418,48 @@ int vek_client_subscribe(struct vek_client *client)
 {
 	if (!is(client, connection::request))
 		return -1;
-	const struct vek_request request = asking(VEK_LISTEN);
-	if (send_record(client->fd, &request, sizeof(request), deadline(client->timeout_ms)) < 0)
+	const deadline end(client->timeout_ms);
+	const struct vek_request listen = asking(VEK_LISTEN), count = asking(VEK_QUERY_TOTAL_USER_NUM);
+	if (send_record(client->fd, &listen, sizeof(listen), end) < 0 ||
+	    send_record(client->fd, &count, sizeof(count), end) < 0)
+		return give_up(client);
+	// A subscription is not answered; the question behind it is, and then it holds. Copies may be faster.
+	for (;;) {
+		struct vek_event record;
+		if (receive(client->fd, &record, sizeof(record), end) < 0)
+			return give_up(client);
+		if (record.event == VEK_EVENT_QUERY_RESULT)
+			break;
+		if (!keep_early(client, record))
+			return give_up(client, ENOMEM);
+	}
+	std::int32_t number;
+	if (receive(client->fd, &number, sizeof(number), end) < 0)
 		return give_up(client);
 	client->kind = connection::subscribed;
 	return 0;
 }
 
+int vek_client_pending(const struct vek_client *client) { return client->pending; }
+
 int vek_client_next(struct vek_client *client, struct vek_event *event)
 {
 	if (!is(client, connection::subscribed))
 		return -1;
-	// A copy that had begun to arrive when the time was up goes on where it stopped.
-	if (receive(client->fd, &client->copy, sizeof(client->copy), client->copied,
-		    deadline(client->timeout_ms)) < 0)
-		return errno == ETIMEDOUT ? -1 : give_up(client);
-	client->copied = 0;
-	*event = client->copy;
-	cut_text(vek_event_fields, event);
+	if (client->pending > 0) {
+		*event = client->early[0];
+		client->pending--;
+		std::memmove(client->early, client->early + 1,
+			     static_cast<std::size_t>(client->pending) * sizeof(*event));
+	} else {
+		// A copy that had begun to arrive when the time was up goes on where it stopped.
+		if (receive(client->fd, &client->copy, sizeof(client->copy), client->copied,
+			    deadline(client->timeout_ms)) < 0)
+			return errno == ETIMEDOUT ? -1 : give_up(client);
+		client->copied = 0;
+		*event = client->copy;
+	}
+	cut_text<vek_event_fields>(event);
 	if (event->event <= 0 || event->event >= VEK_EVENT_LIMIT)
 		return give_up(client, EPROTO);
 	return 1;

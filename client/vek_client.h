@@ -69,9 +69,13 @@ VEK_CLIENT_API int vek_client_fetch_name(struct vek_client *client, const char *
 /* The number of sessions, or -1. */
 VEK_CLIENT_API int vek_client_count(struct vek_client *client);
 
-/* Makes a request connection a subscription. 0 or -1. From then on only vek_client_next, vek_client_fd and
+/* Makes a request connection a subscription: 0 when the daemon has taken it, so that whatever is reported from
+ * now on is copied; or -1. From then on only vek_client_next, vek_client_pending, vek_client_fd and
  * vek_client_close are for it. */
 VEK_CLIENT_API int vek_client_subscribe(struct vek_client *client);
+
+/* Copies that are here already. Take them with vek_client_next before waiting on the descriptor. */
+VEK_CLIENT_API int vek_client_pending(const struct vek_client *client);
 
 /* The next copy: 1, or -1 (ETIMEDOUT: none came, the subscription goes on; ECONNRESET: the daemon ended it,
  * copies may have been missed). */

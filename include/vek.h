@@ -28,9 +28,10 @@
 
 /* ---- where the daemon is found ---------------------------------------------------------------- */
 
-#define VEK_ADDRESS_NOTIFY "/dev/user-notify"   /* services report here: vek_event in, vek_response out */
-#define VEK_ADDRESS_REQUEST "/dev/user-request" /* programs ask here: vek_request in, answers or copies out  \
-						 */
+/* Services report here: vek_event in, vek_response out. */
+#define VEK_ADDRESS_NOTIFY "/dev/user-notify"
+/* Programs ask here: vek_request in, answers or copies out. */
+#define VEK_ADDRESS_REQUEST "/dev/user-request"
 #define VEK_PID_FILE "/var/run/vekd.pid"
 #define VEK_LOGOUT_DEFER_TIME "/tmp/logout_defer_time.txt"
 #define VEK_RBTREE_DUMP "/tmp/print_vek_rbtree.txt"
@@ -154,8 +155,8 @@ enum user_type_enum {
 #define AUTH_METHOD_CAPTIVE_PORTAL_SOCIAL_LOGIN_FB "sns-facebook"
 #define AUTH_METHOD_CAPTIVE_PORTAL_FB_WIFI_LOGIN "fb-wifi-login"
 
-#define ADDR_NAME_CONSOLE 0xffffffffu /* the console's address: every session whose unique key is "console"  \
-				       */
+/* The console's address: every session whose unique key is "console". */
+#define ADDR_NAME_CONSOLE 0xffffffffu
 
 /* ---- the notify socket ------------------------------------------------------------------------ */
 
@@ -431,8 +432,8 @@ VEK_AT(user_config, enable_auto_lease_update, 20);
 
 /* ---- the shared lockout table ----------------------------------------------------------------- */
 
-#define USER_LOCK_IPC_KEY 0x11111111 /* of the segment and of the semaphore (1 free, 0 held) that guards it  \
-				      */
+/* Of the segment, and of the semaphore (1 free, 0 held) that guards it. */
+#define USER_LOCK_IPC_KEY 0x11111111
 #define DEFAULT_ATTEMPT_COUNT 5
 #define DEFAULT_LOCKOUT_PERIOD 30
 #define MAX_LOCKOUT_RECORD 1024

@@ -142,7 +142,8 @@ public:
 		subscribe(set_.timeout_ms());
 		outcome end = passed;
 		for (int seen = 0; end == passed || end == ready;) {
-			end = wait(vek_client_fd(client_.get()), -1);
+			end = vek_client_pending(client_.get()) > 0 ? ready
+								    : wait(vek_client_fd(client_.get()), -1);
 			if (end != ready)
 				break;
 			vek_event event;
