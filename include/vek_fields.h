@@ -5,7 +5,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
+#include <iterator>
+#include <utility>
 
 #include "vek.h"
 
@@ -110,12 +111,15 @@ inline constexpr vek_field user_info_fields[] = {
 };
 
 // Ends every text field of a record at its field, whoever filled it. `record` is at least as long as the
-// last field.
-constexpr void cut_text(std::span<const vek_field> fields, void *record)
+// last field. The table is known when this is compiled, so that an event pays for the stores alone.
+template <const auto &fields> void cut_text(void *record)
 {
-	for (const vek_field &field : fields)
-		if (field.kind == field_kind::text)
-			static_cast<char *>(record)[field.offset + field.size - 1] = '\0';
+	const auto cut = [&]<std::size_t i>() {
+		if constexpr (fields[i].kind == field_kind::text)
+			static_cast<char *>(record)[fields[i].offset + fields[i].size - 1] = '\0';
+	};
+	[&]<std::size_t... i>(std::index_sequence<i...>) { (cut.template operator()<i>(), ...); }
+	(std::make_index_sequence<std::size(fields)>());
 }
 
 #endif

@@ -280,6 +280,18 @@ vek_event event_from(const vek_request &request)
 	return event;
 }
 
+// A copy for a subscriber is one part, for which the plain call is the cheaper.
+ssize_t send_parts(int fd, std::span<iovec> parts)
+{
+	constexpr int flags = MSG_DONTWAIT | MSG_NOSIGNAL;
+	if (parts.size() == 1)
+		return send(fd, parts.front().iov_base, parts.front().iov_len, flags);
+	msghdr message{};
+	message.msg_iov = parts.data();
+	message.msg_iovlen = parts.size();
+	return sendmsg(fd, &message, flags);
+}
+
 } // namespace
 
 int vek_bind_unix_address(const char *path)
@@ -341,7 +353,7 @@ void vek_handle_notify(int fd, vek_socket *sock)
 	vek_event event;
 	if (!read_record(sock, &event, sizeof(event)))
 		return vek_close_client(fd, sock);
-	cut_text(vek_event_fields, &event);
+	cut_text<vek_event_fields>(&event);
 
 	if (!vek_event_is_reported(event.event))
 		return;
@@ -398,10 +410,7 @@ ssize_t vek_write_client(int fd, std::span<iovec> parts)
 {
 	ssize_t total = 0;
 	while (!parts.empty()) {
-		msghdr message{};
-		message.msg_iov = parts.data();
-		message.msg_iovlen = parts.size();
-		ssize_t sent = sendmsg(fd, &message, MSG_DONTWAIT | MSG_NOSIGNAL);
+		ssize_t sent = send_parts(fd, parts);
 		if (sent < 0) {
 			if (errno == EINTR)
 				continue;

@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "daemon.h"
 #include "init.h"
@@ -26,14 +27,15 @@ void fill_entry(qzlog_entry *entry, int priority, const char *user)
 	entry->facility = QZLOG_FAC_VEK;
 	entry->priority = static_cast<std::uint8_t>(priority);
 	copy_text(entry->username, user);
-	copy_text(entry->note, "Account: ");
-	std::strncat(entry->note, user, sizeof(entry->note) - std::strlen(entry->note) - 1);
+	constexpr std::string_view account = "Account: ";
+	std::memcpy(entry->note, account.data(), account.size());
+	std::memcpy(entry->note + account.size(), user,
+		    strnlen(user, sizeof(entry->note) - account.size() - 1));
 }
 
 // ---- wording ----
 
 // Where a text says %X, the value of that letter goes.
-constexpr char VALUE_LETTERS[] = "TUNMIASR";
 enum value {
 	TYPE,    // T: the user type's name
 	USER,    // U: the account
@@ -120,6 +122,20 @@ const char *reason_of(int sub_event)
 	}
 }
 
+constexpr value value_of(char letter)
+{
+	switch (letter) {
+	case 'T': return TYPE;
+	case 'U': return USER;
+	case 'N': return NAME;
+	case 'M': return MAC;
+	case 'I': return IP;
+	case 'A': return IP6;
+	case 'S': return SERVICE;
+	default: return REASON;
+	}
+}
+
 void expand(char *out, std::size_t size, const char *text, const char *const (&values)[VALUES])
 {
 	std::size_t used = 0;
@@ -130,13 +146,12 @@ void expand(char *out, std::size_t size, const char *text, const char *const (&v
 	};
 	while (*text != '\0') {
 		if (*text == '%') {
-			const char *value = values[std::strchr(VALUE_LETTERS, text[1]) - VALUE_LETTERS];
+			const char *value = values[value_of(text[1])];
 			put(value, std::strlen(value));
 			text += 2;
 		} else {
-			const std::size_t length = std::strcspn(text, "%");
-			put(text, length);
-			text += length;
+			out[used] = *text++;
+			used += used < size - 1;
 		}
 	}
 	out[used] = '\0';
@@ -145,6 +160,26 @@ void expand(char *out, std::size_t size, const char *text, const char *const (&v
 constexpr std::uint32_t NO_ADDRESS = 0xffffffffu; // logged as 0.0.0.0
 
 std::uint32_t logged_address(std::uint32_t ip) { return ip == NO_ADDRESS ? 0 : ip; }
+
+// Sends the finished entry, or in debug mode prints it.
+void emit(qzlog_entry &entry, const char *function, std::uint32_t sip, std::uint32_t dip)
+{
+	if (debug) {
+		std::fprintf(stderr, "%s: User %u.%u.%u.%u: %s\n", function, NIPQUAD(sip), entry.message);
+		return;
+	}
+	entry.srcip = sip;
+	entry.dstip = dip;
+	qzlog2(&entry, 0);
+}
+
+int emit6(qzlog_entry &entry, const in6_addr &sip6, const in6_addr &dip6)
+{
+	entry.srcip6 = sip6;
+	entry.dstip6 = dip6;
+	entry.flags = QZLOG_FLAGS_IPV6_ENABLE;
+	return qzlog2(&entry, QZLOG_FLAGS_IPV6_ENABLE);
+}
 
 int log_event(const vek_event *event, const wording &wording, const char *function)
 {
@@ -176,14 +211,15 @@ int log_event(const vek_event *event, const wording &wording, const char *functi
 	values[SERVICE] = get_service_str(event->service);
 	values[REASON] = reason_of(event->sub_event);
 
-	char message[512]; // the longest wording with all its fields full is half of it
 	const char *text = ipv6 ? (is_cloud ? wording.ip6_cloud : wording.ip6)
 				: (is_cloud ? wording.ip4_cloud : wording.ip4);
-	expand(message, sizeof(message), text, values);
+	qzlog_entry entry;
+	fill_entry(&entry, QZLOG_PRI_NOTICE, user);
+	expand(entry.message, sizeof(entry.message), text, values);
 	if (ipv6)
-		VEK_LOG6(&event->ip6, &event->dst_ip6, user, "%s", message);
+		emit6(entry, event->ip6, event->dst_ip6);
 	else
-		vek_log(QZLOG_PRI_NOTICE, function, ip, logged_address(event->dst_ip), user, "%s", message);
+		emit(entry, function, ip, logged_address(event->dst_ip));
 	return VEK_CONTINUE_DISPATCH;
 }
 
@@ -192,37 +228,26 @@ int log_event(const vek_event *event, const wording &wording, const char *functi
 void vek_log(int priority, const char *function, std::uint32_t sip, std::uint32_t dip, const char *user,
 	     const char *format, ...)
 {
+	qzlog_entry entry;
+	fill_entry(&entry, priority, user);
 	va_list args;
 	va_start(args, format);
-	if (debug) {
-		std::fprintf(stderr, "%s: User %u.%u.%u.%u: ", function, NIPQUAD(sip));
-		std::vfprintf(stderr, format, args);
-		std::fputc('\n', stderr);
-	} else {
-		qzlog_entry entry;
-		fill_entry(&entry, priority, user);
-		entry.srcip = sip;
-		entry.dstip = dip;
-		std::vsnprintf(entry.message, sizeof(entry.message), format, args);
-		qzlog2(&entry, 0);
-	}
+	std::vsnprintf(entry.message, sizeof(entry.message), format, args);
 	va_end(args);
+	emit(entry, function, sip, dip);
 }
 
 int VEK_LOG6(const in6_addr *sip6, const in6_addr *dip6, const char *user, const char *format, ...)
 {
 	qzlog_entry entry;
 	fill_entry(&entry, QZLOG_PRI_NOTICE, user);
-	entry.srcip6 = *sip6;
-	entry.dstip6 = *dip6;
 	va_list args;
 	va_start(args, format);
 	const int length = std::vsnprintf(entry.message, sizeof(entry.message), format, args);
 	va_end(args);
 	if (length < 0 || length >= static_cast<int>(sizeof(entry.message)))
 		return -1;
-	entry.flags = QZLOG_FLAGS_IPV6_ENABLE;
-	return qzlog2(&entry, QZLOG_FLAGS_IPV6_ENABLE);
+	return emit6(entry, *sip6, *dip6);
 }
 
 int logger_handle_login(vek_event *event, vek_socket *) { return log_event(event, LOGIN, __func__); }

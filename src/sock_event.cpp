@@ -16,6 +16,7 @@ int select_fds[VEK_MAX_FILES];    // registered descriptors in 0..nselect_fds-1,
 int select_fdidx[VEK_MAX_FILES];  // a descriptor's place in select_fds, or -1
 int select_rfdidx[VEK_MAX_FILES]; // ready in this pass
 int nselect_fds;
+int nwriters; // registered for writing
 fd_set master_rfdset, master_wfdset;
 fd_set working_rfdset, working_wfdset;
 int maxfd = -1;
@@ -35,6 +36,7 @@ void vek_init_sock_event()
 	FD_ZERO(&master_wfdset);
 	nfiles = VEK_MAX_FILES;
 	nselect_fds = 0;
+	nwriters = 0;
 	std::ranges::fill(fd_rw, -1);
 	std::ranges::fill(fd_data, nullptr);
 	std::ranges::fill(select_fds, -1);
@@ -52,6 +54,7 @@ int vek_sock_event_add_fd(int fd, int rw, void *data)
 	if (rw != FD_READ && rw != FD_WRITE)
 		return -1;
 	FD_SET(fd, rw == FD_READ ? &master_rfdset : &master_wfdset);
+	nwriters += rw == FD_WRITE;
 	select_fds[nselect_fds] = fd;
 	select_fdidx[fd] = nselect_fds++;
 	maxfd = std::max(maxfd, fd);
@@ -72,6 +75,7 @@ int vek_sock_event_del_fd(int fd)
 	FD_CLR(fd, &working_rfdset);
 	FD_CLR(fd, &working_wfdset);
 
+	nwriters -= fd_rw[fd] == FD_WRITE;
 	const int last = select_fds[--nselect_fds];
 	select_fds[place] = last;
 	select_fdidx[last] = place;
@@ -94,12 +98,13 @@ int vek_sock_event_loop(sock_event *callbacks)
 	}
 
 	timeval timeout{1, 0};
-	const int result = select(maxfd + 1, &working_rfdset, &working_wfdset, nullptr, &timeout);
+	const int result =
+	    select(maxfd + 1, &working_rfdset, nwriters > 0 ? &working_wfdset : nullptr, nullptr, &timeout);
 	if (result < 0)
 		return errno == EINTR ? 0 : callbacks->error(result);
 
 	int nready = 0;
-	for (int i = 0; i < nselect_fds; i++)
+	for (int i = 0; i < nselect_fds && nready < result; i++)
 		if (is_ready(select_fds[i]))
 			select_rfdidx[nready++] = select_fds[i];
 

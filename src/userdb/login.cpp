@@ -3,6 +3,7 @@
 // for portal users; everybody else is refused with an alert.
 #include <unistd.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -56,7 +57,8 @@ void fill_identity(user_info *uinfo, vek_event *event, std::time_t wall_clock)
 	if (event->usr_from == FOREIGN_AUTHENTICATED_USER) {
 		copy_text(uinfo->auth_time, event->auth_time);
 	} else {
-		std::snprintf(uinfo->auth_time, sizeof(uinfo->auth_time), "%lld",
+		// Into zeros: whatever fits is terminated.
+		std::to_chars(uinfo->auth_time, uinfo->auth_time + sizeof(uinfo->auth_time) - 1,
 			      static_cast<long long>(wall_clock));
 		copy_text(event->auth_time, uinfo->auth_time);
 	}
