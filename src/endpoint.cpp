@@ -17,6 +17,7 @@
 #include "daemon.h"
 #include "listener.h"
 #include "misc.h"
+#include "userdb.h"
 #include "vek_event.h"
 #include "vek_fields.h"
 
@@ -31,11 +32,13 @@ namespace {
 
 // Everybody waits while we wait for one client, so waiting is rationed: a pass of the main loop waits at most
 // PATIENCE_MS. A wait that ended with the client being shut down was in vain and is paid for: until the
-// patience has grown back, a pass waits no longer than that, or MIN_PASS_MS.
-constexpr std::int64_t PATIENCE_MS = 1000;
-constexpr std::int64_t MIN_PASS_MS = 300;
-constexpr std::int64_t REGROWTH = 4;        // milliseconds until one of patience is back
-constexpr std::int64_t MIN_ANSWER_MS = 100; // with less left, queries are read in a later pass
+// patience has grown back, a pass waits no longer than what is left of it, or MIN_PASS_MS.
+constexpr std::int64_t PATIENCE_MS = 800;
+constexpr std::int64_t MIN_PASS_MS = 100;
+constexpr std::int64_t REGROWTH = 4; // milliseconds until one of patience is back
+constexpr std::int64_t MIN_ANSWER_MS =
+    50;                           // with less left, what may have a long answer waits for a later pass
+constexpr int FITS_AT_ONCE = 100; // records of an answer that any client's empty buffer takes
 
 std::int64_t patience_ms = PATIENCE_MS;
 std::int64_t patience_at_ms; // when that was so
@@ -72,16 +75,21 @@ bool wait_for_client(int fd)
 		now = now_ms();
 	}
 	pass_left_ms = std::max<std::int64_t>(0, deadline - now);
-	if (!writable) {
-		regrow_patience(start);
-		patience_ms = std::max<std::int64_t>(0, patience_ms - (now - start));
-		patience_at_ms = now;
-	}
 	return writable;
+}
+
+// For a client that was given up after so long, be it that it took a little now and then.
+void pay_for(std::int64_t waited)
+{
+	const std::int64_t now = now_ms();
+	regrow_patience(now - waited);
+	patience_ms = std::max<std::int64_t>(0, patience_ms - waited);
+	patience_at_ms = now;
 }
 
 // ---- connections ----
 
+constexpr int BACKLOG = 5;
 std::uint64_t activity_stamp;
 bool accept_paused;
 int spare_fd = -1; // given up for a moment to turn a connection away when descriptors have run out
@@ -173,20 +181,21 @@ void turn_away(int listening_fd)
 		pause_accept();
 }
 
-void accept_client(int listening_fd, std::uint8_t type)
+// False when nobody else waits to be accepted.
+bool accept_client(int listening_fd, std::uint8_t type)
 {
 	const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
 	if (fd < 0) {
 		if (errno != EINTR && errno != EAGAIN && errno != ECONNABORTED)
 			turn_away(listening_fd);
-		return;
+		return false;
 	}
 	if (spare_fd < 0)
 		spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
 	auto *sock = static_cast<vek_socket *>(vek_malloc(sizeof(vek_socket)));
 	if (sock == nullptr) {
 		close(fd);
-		return;
+		return true;
 	}
 	const ucred peer = peer_of(fd);
 	sock->type = type;
@@ -197,9 +206,17 @@ void accept_client(int listening_fd, std::uint8_t type)
 	if (!keep(sock) && !displace_for(sock)) {
 		close(sock->fd);
 		vek_free(sock);
-		return;
+		return true;
 	}
 	vek_socket_list.push_back(sock);
+	return true;
+}
+
+// A whole queue at a time: a pass may be long, and a crowd must not keep services out for many of them.
+void accept_queue(int listening_fd, std::uint8_t type)
+{
+	for (int i = 0; i < BACKLOG && accept_client(listening_fd, type); i++)
+		;
 }
 
 // One whole record, as it lies there; the one read a readiness gets.
@@ -259,6 +276,17 @@ constexpr int event_of_method[] = {
     VEK_EVENT_APP_QUERY_TOTAL_USER_NUM,
 };
 
+// Does a request wait to be read whose answer its sender may have to read while it is written?
+bool may_be_long(const vek_socket *sock)
+{
+	std::int32_t method;
+	if (sock->cut || userdb_query_total_user_num() <= FITS_AT_ONCE ||
+	    recv(sock->fd, &method, sizeof(method), MSG_PEEK | MSG_DONTWAIT) !=
+		static_cast<ssize_t>(sizeof(method)))
+		return false;
+	return method == VEK_QUERY_NAME || method == VEK_QUERY_FROM || method == VEK_QUERY_ALL;
+}
+
 vek_event event_from(const vek_request &request)
 {
 	const bool ipv6 = request.req_flags & VEK_HANDLE_FLAG_IPV6_ADDR;
@@ -305,7 +333,7 @@ int vek_bind_unix_address(const char *path)
 	copy_text(address.sun_path, path);
 	if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) < 0 ||
 	    bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) < 0 ||
-	    listen(fd, 5) < 0) {
+	    listen(fd, BACKLOG) < 0) {
 		close(fd);
 		return -1;
 	}
@@ -323,8 +351,8 @@ void vek_sock_event_read(int fd, void *data)
 	switch (sock->type) {
 	case VEK_SOCKTYPE_NOTIFY: return vek_handle_notify(fd, sock);
 	case VEK_SOCKTYPE_REQUEST:
-		// It stays readable. In a pass whose waiting is used up its answer would have no chance.
-		if (pass_left_ms >= MIN_ANSWER_MS || sock->cut)
+		// It stays readable. In a pass whose waiting is used up a long answer would have no chance.
+		if (pass_left_ms >= MIN_ANSWER_MS || !may_be_long(sock))
 			vek_handle_request(fd, sock);
 		return;
 	default: return vek_close_client(fd, sock);
@@ -335,9 +363,9 @@ void vek_sock_event_write(int fd, void *data) { vek_close_client(fd, static_cast
 
 int vek_sock_event_error(int) { return -1; }
 
-void vek_accept_notify(int fd, void *) { accept_client(fd, VEK_SOCKTYPE_NOTIFY); }
+void vek_accept_notify(int fd, void *) { accept_queue(fd, VEK_SOCKTYPE_NOTIFY); }
 
-void vek_accept_request(int fd, void *) { accept_client(fd, VEK_SOCKTYPE_REQUEST); }
+void vek_accept_request(int fd, void *) { accept_queue(fd, VEK_SOCKTYPE_REQUEST); }
 
 void vek_resume_accept()
 {
@@ -408,6 +436,7 @@ ssize_t vek_send_response(int result, int fd)
 
 ssize_t vek_write_client(int fd, std::span<iovec> parts)
 {
+	const std::int64_t left_before = pass_left_ms;
 	ssize_t total = 0;
 	while (!parts.empty()) {
 		ssize_t sent = send_parts(fd, parts);
@@ -417,6 +446,8 @@ ssize_t vek_write_client(int fd, std::span<iovec> parts)
 			if ((errno == EAGAIN || errno == ENOBUFS) && wait_for_client(fd))
 				continue;
 			const int reason = errno;
+			if (pass_left_ms != left_before)
+				pay_for(left_before - pass_left_ms);
 			if (reason != EPIPE && reason != ECONNRESET)
 				cut(fd, "did not read what it asked for");
 			errno = reason;

@@ -84,6 +84,8 @@ int search_index(search &query, const avl_table *tree, user_info *key)
 {
 	user_list probe;
 	probe.uinfo = key;
+	if (tree == nullptr) // its creation failed at start, and the daemon serves without
+		return 0;
 	if (auto *representative = static_cast<user_list *>(avl_find(tree, &probe)))
 		test_ring<ring>(query, representative, representative->*users);
 	return query.found;
@@ -91,6 +93,8 @@ int search_index(search &query, const avl_table *tree, user_info *key)
 
 int search_everybody(search &query)
 {
+	if (avl_username_tree == nullptr)
+		return 0;
 	avl_traverser trav;
 	for (void *item = avl_t_first(&trav, avl_username_tree); item != nullptr; item = avl_t_next(&trav)) {
 		auto *representative = static_cast<user_list *>(item);
