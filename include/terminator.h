@@ -31,7 +31,8 @@ void terminator_child_handler(int);
 int terminator_clear_session(vek_event *event, vek_socket *sock);
 
 // Has a process ended through the privileged launcher. The launcher's exit status; -1 when it was not run (as
-// for a number that is no process id) or was ended by its limit or a signal.
+// for a number that is no process id, and for ten seconds after it had to be killed) or was ended by its limit or
+// a signal.
 int pidkill(int pid);
 
 // The console's terminal numbers, as text, from the kernel's list of consoles into two buffers of TTY_TEXT

@@ -110,16 +110,22 @@ inline constexpr vek_field user_info_fields[] = {
     VEK_FIELD(user_info, ssh_tty, text),
 };
 
+template <const auto &fields, std::size_t i> void cut_field(void *record)
+{
+	if constexpr (fields[i].kind == field_kind::text)
+		static_cast<char *>(record)[fields[i].offset + fields[i].size - 1] = '\0';
+}
+
+template <const auto &fields, std::size_t... i> void cut_fields(void *record, std::index_sequence<i...>)
+{
+	(cut_field<fields, i>(record), ...);
+}
+
 // Ends every text field of a record at its field, whoever filled it. `record` is at least as long as the
 // last field. The table is known when this is compiled, so that an event pays for the stores alone.
 template <const auto &fields> void cut_text(void *record)
 {
-	const auto cut = [&]<std::size_t i>() {
-		if constexpr (fields[i].kind == field_kind::text)
-			static_cast<char *>(record)[fields[i].offset + fields[i].size - 1] = '\0';
-	};
-	[&]<std::size_t... i>(std::index_sequence<i...>) { (cut.template operator()<i>(), ...); }
-	(std::make_index_sequence<std::size(fields)>());
+	cut_fields<fields>(record, std::make_index_sequence<std::size(fields)>());
 }
 
 #endif

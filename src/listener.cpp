@@ -25,6 +25,16 @@ int pass_on(vek_event *event, vek_socket *sock)
 	return VEK_CONTINUE_DISPATCH;
 }
 
+constexpr int MAX_SUBSCRIPTIONS = 8; // of one connection
+
+int subscriptions_of(int fd)
+{
+	int count = 0;
+	for (const vek_listener *listener : vek_listener_list)
+		count += listener->fd == fd;
+	return count;
+}
+
 } // namespace
 
 int listener_handle_login(vek_event *event, vek_socket *sock) { return pass_on(event, sock); }
@@ -51,6 +61,9 @@ int listener_handle_tunnel(vek_event *event, vek_socket *sock)
 
 int listener_handle_app_listen(vek_event *, vek_socket *sock)
 {
+	// Each costs the daemon a copy of every event: more than anybody means is an attack on the others.
+	if (subscriptions_of(sock->fd) >= MAX_SUBSCRIPTIONS)
+		return VEK_STOP_DISPATCH;
 	auto *listener = static_cast<vek_listener *>(vek_malloc(sizeof(vek_listener)));
 	if (listener == nullptr)
 		return VEK_STOP_DISPATCH;

@@ -26,6 +26,7 @@
 #include <string_view>
 
 #include "child.h"
+#include "daemon.h"
 #include "init.h"
 #include "misc.h"
 #include "vek_event.h"
@@ -48,6 +49,32 @@ template <std::size_t N> bool read_line(std::FILE *from, char (&line)[N])
 	line[length] = '\0';
 	return c != EOF || length > 0;
 }
+
+// ---- tools that may hang ----
+
+constexpr std::uint64_t STALLED_SECONDS = 10;
+
+// One that had to be killed costs its whole limit, and many sessions may end at once: for a while it is not
+// run again.
+class tool {
+public:
+	// Runs it by `start`, which gives its status. False when it was not run to its end.
+	template <class Start> bool run(Start start)
+	{
+		if (seconds_since_boot < stalled_until_)
+			return false;
+		const int status = start();
+		if (status >= 0 && WIFEXITED(status))
+			return true;
+		stalled_until_ = seconds_since_boot + STALLED_SECONDS;
+		return false;
+	}
+
+private:
+	std::uint64_t stalled_until_ = 0;
+};
+
+constinit tool listing, launcher, sshcon;
 
 // ---- the process listing ----
 
@@ -97,8 +124,9 @@ file list_processes()
 		close(fd);
 	else if (errno != ENOENT)
 		return nullptr;
-	const int status = vek_run_shell("/bin/ps -o 'pid,tty,args' | sed 1d | grep -v '?' > " VEK_PSLIST);
-	if (status < 0 || !WIFEXITED(status))
+	if (!listing.run([] {
+		    return vek_run_shell("/bin/ps -o 'pid,tty,args' | sed 1d | grep -v '?' > " VEK_PSLIST);
+	    }))
 		return nullptr;
 	const int fd = vek_open_planted(VEK_PSLIST, O_RDONLY);
 	if (fd < 0)
@@ -152,7 +180,7 @@ void disable_sshcon(const std::optional<listed_shell> &shell)
 	const int enabled_on = get_pts_num();
 	if (enabled_on == RET_ERROR_RESOURCE_NOT_FOUND || (shell && shell->minor != enabled_on))
 		return;
-	vek_run_shell("qzsh -p 100 -e \"sshcon disable\"");
+	sshcon.run([] { return vek_run_shell("qzsh -p 100 -e \"sshcon disable\""); });
 }
 
 void clear_terminal_session(std::string_view service, const char *tty)
@@ -304,8 +332,8 @@ int pidkill(int pid)
 	if (pid <= 0 || length >= static_cast<int>(sizeof text))
 		return -1;
 	const char *const argv[] = {"/util/suexec", "/bin/kill", text, nullptr};
-	const int status = vek_run(argv);
-	return status >= 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+	int status = -1;
+	return launcher.run([&] { return status = vek_run(argv); }) ? WEXITSTATUS(status) : -1;
 }
 
 void read_consoles(std::FILE *consoles, char *tty1, char *tty2)
