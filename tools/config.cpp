@@ -78,6 +78,7 @@ assignment parse(const std::string &text)
 void set_config(const settings &set, const std::vector<std::string> &texts)
 {
 	std::vector<assignment> assignments;
+	assignments.reserve(texts.size());
 	for (const std::string &text : texts)
 		assignments.push_back(parse(text));
 	const int pid = daemon_pid();

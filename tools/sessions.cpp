@@ -197,12 +197,14 @@ void list(const settings &set, const list_options &options)
 		return print_json(found);
 
 	std::vector<std::string> header;
+	header.reserve(columns.size());
 	for (const column &shown : columns)
 		header.push_back(upper_case(shown.name()));
 	table lines(header);
 	const std::uint64_t uptime = uptime_now();
 	for (const user_info &session : found) {
 		std::vector<std::string> cells;
+		cells.reserve(columns.size());
 		for (const column &shown : columns)
 			cells.push_back(shown.text(session, uptime));
 		lines.row(std::move(cells));
@@ -215,7 +217,7 @@ void list(const settings &set, const list_options &options)
 // A field's value with its unit, and in brackets what it means.
 std::string with_unit(const vek_field &field, const user_info &session, std::uint64_t uptime)
 {
-	const std::string shown = display(field, &session, uptime);
+	std::string shown = display(field, &session, uptime);
 	if (field.kind == field_kind::text || field.kind == field_kind::ip4 || field.kind == field_kind::ip6)
 		return shown;
 	std::string value = json_text(field_json(field, &session));

@@ -28,9 +28,8 @@ public:
 	shared_block(key_t key, const char *what, bool writing)
 	{
 		const int id = shmget(key, sizeof(record), 0);
-		void *at =
-		    id < 0 ? reinterpret_cast<void *>(-1) : shmat(id, nullptr, writing ? 0 : SHM_RDONLY);
-		if (at == reinterpret_cast<void *>(-1))
+		void *at = id < 0 ? nullptr : shmat(id, nullptr, writing ? 0 : SHM_RDONLY);
+		if (at == nullptr || reinterpret_cast<std::intptr_t>(at) == -1)
 			throw shared_failure(what);
 		record_ = static_cast<record *>(at);
 	}

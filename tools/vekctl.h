@@ -5,6 +5,7 @@
 #define VEKCTL_H
 
 #include <CLI/CLI.hpp>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -36,7 +37,7 @@ struct settings {
 	std::function<void()>
 	    run; // set by the command chosen, called once all arguments have been understood
 
-	int timeout_ms() const { return static_cast<int>(timeout * 1000 + 0.5); }
+	int timeout_ms() const { return static_cast<int>(std::lround(timeout * 1000)); }
 };
 
 // A command with the options that all have, an example in its help and what it runs.
