@@ -181,7 +181,11 @@ std::string growth_table(const std::vector<growth> &rows)
 		const auto at = [&](double x) {
 			return text("%.0f: ", x) + number(std::max(0.0, start + slope * x) / 1000, "us");
 		};
-		out.push_back({row.what, row.per, number(slope, "ns"), at(row.bound), at(10 * row.bound)});
+		// A straight line that does not rise says that the growth is below what can be measured.
+		if (slope <= 0)
+			out.push_back({row.what, row.per, "not measurable", at(row.bound), ""});
+		else
+			out.push_back({row.what, row.per, number(slope, "ns"), at(row.bound), at(10 * row.bound)});
 	}
 	return markdown(out);
 }
