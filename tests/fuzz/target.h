@@ -1,0 +1,22 @@
+// target.h: what every fuzz target has: the function that a fuzzer, or replay.cpp, calls with an input, and the
+// word for a rule that does not hold.
+#ifndef TARGET_H
+#define TARGET_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <span>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size);
+
+using bytes = std::span<const std::uint8_t>;
+
+[[noreturn]] inline void broken(const char *rule)
+{
+	std::fprintf(stderr, "broken: %s\n", rule);
+	std::abort();
+}
+
+#endif
