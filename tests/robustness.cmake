@@ -1,0 +1,27 @@
+# ---- calls that fail on demand ----
+set(wraps accept4 send sendmsg open pipe2 posix_spawn shmget shmat semget semtimedop)
+list(TRANSFORM wraps PREPEND -Wl,--wrap=)
+# The core over the recording platform; and the running of children, over the real one.
+add_executable(vek_fault unit/fault_test.cpp unit/faults.cpp)
+target_link_libraries(vek_fault PRIVATE vek_test_core)
+add_executable(vek_child_fault unit/child_fault_test.cpp unit/faults.cpp)
+target_link_libraries(vek_child_fault PRIVATE vekd_core ${VEK_PLATFORM})
+foreach(suite fault child_fault)
+    target_link_libraries(vek_${suite} PRIVATE GTest::gtest_main vek_options)
+    target_link_options(vek_${suite} PRIVATE ${wraps})
+    if(suite STREQUAL fault)
+        target_link_options(vek_fault PRIVATE -Wl,--wrap=select)
+    endif()
+    add_test(NAME unit.${suite} COMMAND ${VEK_SANDBOX} $<TARGET_FILE:vek_${suite}> --gtest_brief=1)
+    set_tests_properties(unit.${suite} PROPERTIES TIMEOUT 120)
+endforeach()
+
+# ---- how it is built ----
+add_test(NAME build.OneThread COMMAND ${VEK_SANDBOX} ${CMAKE_CURRENT_SOURCE_DIR}/one_thread.sh $<TARGET_FILE:vekd>)
+if(CMAKE_BUILD_TYPE STREQUAL Release)
+    set(hardened $<TARGET_FILE:vekd> $<TARGET_FILE:vekclient_shared>)
+    if(VEK_TOOLS)
+        list(APPEND hardened $<TARGET_FILE:vekctl>)
+    endif()
+    add_test(NAME build.Hardening COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/hardening.sh ${hardened})
+endif()
