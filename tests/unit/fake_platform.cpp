@@ -1,0 +1,114 @@
+// fake_platform.cpp: the six platform functions, the wall clock, memory and the child processes, recorded.
+// See fake_platform.h.
+#include "fake_platform.h"
+
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "child.h"
+#include "rrm.h"
+
+fake_platform fake;
+
+std::string fake_platform::take_messages()
+{
+	std::string all;
+	for (const fake_log &log : std::exchange(logs, {}))
+		all += std::string(log.entry.message) + "\n";
+	return all;
+}
+
+extern "C" {
+
+std::time_t time(std::time_t *result) noexcept
+{
+	if (result != nullptr)
+		*result = fake.wall_clock;
+	return fake.wall_clock;
+}
+
+// The linker sends the daemon's calls here (--wrap).
+void *__real_malloc(std::size_t size);
+void *__real_calloc(std::size_t count, std::size_t size);
+void *__wrap_malloc(std::size_t size)
+{
+	return fake.allocations_left >= 0 && fake.allocations_left-- == 0 ? nullptr : __real_malloc(size);
+}
+void *__wrap_calloc(std::size_t count, std::size_t size)
+{
+	return fake.allocations_left >= 0 && fake.allocations_left-- == 0 ? nullptr
+									  : __real_calloc(count, size);
+}
+
+int qzlog_init(void) { return 0; }
+
+int qzlog2(const qzlog_entry *entry, int flags)
+{
+	fake.logs.push_back({*entry, flags});
+	return 7;
+}
+
+int qzkit_wlan_get_hybridmode(void) { return fake.mode; }
+
+int get_user_privilege_by_type_id(user_profile_t *profile, int type)
+{
+	fake.asked_type = type;
+	fake.asked_flag = profile->flag;
+	fake.asked_name.clear();
+	*profile = fake.profile;
+	return fake.profile_result;
+}
+
+int get_info_from_local(user_profile_t *profile, const char *username, int type)
+{
+	fake.asked_type = type;
+	fake.asked_flag = profile->flag;
+	fake.asked_name = username;
+	*profile = fake.profile;
+	return -1; // of no consequence
+}
+
+int rrm_get_common_mac(char *buffer, int size)
+{
+	std::snprintf(buffer, static_cast<std::size_t>(size), "%s", fake.mac.c_str());
+	return 0;
+}
+}
+
+int vek_run(const char *const argv[])
+{
+	std::string line;
+	for (; *argv != nullptr; ++argv)
+		line += (line.empty() ? "" : " ") + std::string(*argv);
+	fake.commands.push_back(line);
+	return 0;
+}
+
+int vek_run_shell(const char *command)
+{
+	fake.commands.emplace_back(command);
+	return 0;
+}
+
+// The pipe's private members serve as it pleases: fd_ tells which listing, used_ the next line.
+bool vek_pipe::start(const char *command)
+{
+	if (fake.failing_pipe >= 0 && fake.failing_pipe-- == 0)
+		return false;
+	fake.commands.emplace_back(command);
+	fd_ = std::strstr(command, "-f AUTH_TIME") != nullptr;
+	used_ = 0;
+	return true;
+}
+
+bool vek_pipe::read_line(char *buffer, std::size_t size)
+{
+	const std::vector<std::string> &lines = fd_ == 1 ? fake.station_times : fake.station_macs;
+	if (used_ >= lines.size())
+		return false;
+	std::snprintf(buffer, size, "%s", lines[used_++].c_str());
+	return true;
+}
+
+void vek_pipe::close() {}

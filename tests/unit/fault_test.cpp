@@ -1,0 +1,362 @@
+// fault_test.cpp: the daemon's core while memory, descriptors, shared blocks and locks run out on the way
+// from a client's connection to its session and its answer, and at the start: what was going on happens whole
+// or not at all, everything is as the invariants say, and the next time it works.
+#include <gtest/gtest.h>
+
+#include <sys/select.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <utility>
+
+#include "core.h"
+#include "faults.h"
+#include "init.h"
+#include "listener.h"
+#include "misc.h"
+#include "sock_event.h"
+
+int *const allocations_left = &fake.allocations_left;
+
+namespace {
+
+constexpr keys ALICE{"captive portal", "alice", "1", 7};
+constexpr fault NO_MEMORY{"memory", ENOMEM};
+
+struct listening {
+	const char *path;
+	int *fd;
+};
+constexpr listening NOTIFY{"/tmp/notify", &vek_notify_fd}, REQUEST{"/tmp/request", &vek_request_fd};
+
+void clean() { EXPECT_EQ("", check_invariants()); }
+
+void end_all()
+{
+	while (user_list *session = userdb_use_list.front())
+		userdb_end_session(session);
+	while (vek_deferred_logout *parked = vek_deferred_logout_list.front())
+		vek_free_deferred_logout(parked);
+}
+
+// As many passes of the main loop as whatever clients have sent needs: accept, records, end.
+void passes()
+{
+	for (int i = 0; i < 6; i++) {
+		vek_begin_pass();
+		EXPECT_EQ(0, vek_sock_event_loop(&vek_skevent));
+	}
+}
+
+template <class Record> void say(int fd, const Record &record)
+{
+	[[maybe_unused]] const ssize_t written = write(fd, &record, sizeof(record));
+}
+
+// What the daemon said, in numbers; -1 when it has hung up without a word.
+int answer(int fd)
+{
+	int code = -1;
+	recv(fd, &code, sizeof(code), MSG_DONTWAIT);
+	return code;
+}
+
+unsigned long attached(int segment)
+{
+	shmid_ds status{};
+	shmctl(segment, IPC_STAT, &status);
+	return status.shm_nattch;
+}
+
+// A daemon with its two sockets, and clients that come in through them.
+struct Fault : testing::Test {
+	Fault()
+	{
+		signal(SIGPIPE, SIG_IGN);
+		for (const listening &way : {NOTIFY, REQUEST}) {
+			*way.fd = vek_bind_unix_address(way.path);
+			vek_sock_event_add_fd(*way.fd, FD_READ, nullptr);
+		}
+	}
+	~Fault() override
+	{
+		hang_up();
+		end_all();
+		for (const listening &way : {NOTIFY, REQUEST}) {
+			vek_sock_event_del_fd(*way.fd);
+			close(std::exchange(*way.fd, -1));
+			unlink(way.path);
+		}
+	}
+	int client(const listening &way)
+	{
+		const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+		sockaddr_un address{};
+		address.sun_family = AF_UNIX;
+		copy_text(address.sun_path, way.path);
+		EXPECT_EQ(0, connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)));
+		clients.push_back(fd);
+		return fd;
+	}
+	void hang_up()
+	{
+		for (const int fd : std::exchange(clients, {}))
+			close(fd);
+		passes();
+		EXPECT_TRUE(vek_socket_list.empty());
+	}
+
+	core running;
+	std::vector<int> clients;
+};
+
+} // namespace
+
+TEST_F(Fault, LoginIsWholeOrRefused)
+{
+	fake.mode = WHOPMODE_CLOUD;
+	dispatch(VEK_EVENT_USER_LOGIN, {"ssh", "bob", "2", 8}); // the indexes are not empty
+	int result = 0;
+	const auto log_in = [&] { result = dispatch(VEK_EVENT_USER_LOGIN, ALICE); };
+	exhaust(
+	    NO_MEMORY, [] { announced.clear(); }, log_in,
+	    [&](bool failed) {
+		    clean();
+		    EXPECT_TRUE(failed || result == 0);
+		    EXPECT_EQ(result == 0, session_of("1") != nullptr);
+		    EXPECT_EQ(result == 0, announced.size() == 1)
+			<< "nobody hears of a login that was refused";
+		    dispatch(VEK_EVENT_USER_LOGOUT, ALICE);
+		    EXPECT_EQ("bob@ssh#2", sessions());
+	    });
+}
+
+// A session can always end.
+TEST_F(Fault, LogoutAndTimeOutNeedNoMemory)
+{
+	for (const int ending : {VEK_EVENT_USER_LOGOUT, VEK_EVENT_WEB_USER_LOGOUT, VEK_EVENT_TIMER_SECOND}) {
+		vek_event login = make_event(VEK_EVENT_USER_LOGIN, ALICE);
+		login.session_timeout = 60;
+		for (const char *key : {"1", "2", "3"}) {
+			copy_text(login.unique, key);
+			EXPECT_EQ(0, dispatch(login));
+		}
+		seconds_since_boot += 60;
+		inject(NO_MEMORY, 1);
+		dispatch(ending, ending == VEK_EVENT_TIMER_SECOND ? keys{} : keys{.user = "alice"});
+		EXPECT_FALSE(heal());
+		EXPECT_EQ("", sessions());
+		clean();
+	}
+}
+
+TEST_F(Fault, RoamingMovesOrStays)
+{
+	const auto prepare = [] {
+		end_all();
+		for (const char *key : {"2", "1"}) // on one ring, of which the older one moves
+			dispatch(VEK_EVENT_USER_LOGIN, {"ssh", key[0] == '1' ? "bob" : "alice", key, 7});
+	};
+	const auto move = [] { dispatch(VEK_EVENT_UPDATE_ROAMING_STA_IP, {.user = "alice", .ip = 9}); };
+	exhaust(NO_MEMORY, prepare, move, [](bool failed) {
+		clean();
+		EXPECT_EQ(failed ? 2 : 1, find_user_list("", "", 7, nullptr, "", 0));
+		EXPECT_EQ(failed ? 7U : 9U, session_of("2")->ip);
+	});
+}
+
+TEST_F(Fault, ASubscriptionFailsAloneAndIsNotMultipliedWithoutEnd)
+{
+	connection subscriber;
+	int result = 0;
+	const auto listen = [&] { result = dispatch(VEK_EVENT_APP_LISTEN, {}, subscriber.sock()); };
+	exhaust(
+	    NO_MEMORY, [] {}, listen,
+	    [&](bool failed) {
+		    EXPECT_EQ(failed, result == VEK_STOP_DISPATCH);
+		    EXPECT_EQ(failed, vek_listener_list.empty());
+	    });
+	// Every entry costs the daemon a copy of every event, for as long as the subscriber reads.
+	for (int i = 0; i < 1000; i++)
+		listen();
+	dispatch(VEK_EVENT_USER_LOGIN, ALICE);
+	const std::size_t copies = subscriber.take().size() / sizeof(vek_event);
+	EXPECT_LE(2U, copies); // two are meant by whoever asks twice
+	EXPECT_GE(16U, copies);
+	listener_forget(subscriber.sock()->fd);
+}
+
+// A pass never waits.
+extern "C" int __real_select(int count, fd_set *read, fd_set *write, fd_set *except, timeval *limit);
+extern "C" int __wrap_select(int count, fd_set *read, fd_set *write, fd_set *except, timeval *)
+{
+	timeval none{};
+	return __real_select(count, read, write, except, &none);
+}
+
+// The way in: a client's whole road, from accept to the answer, with each call on it failing.
+TEST_F(Fault, AClientIsServedOrLosesItsConnection)
+{
+	client(NOTIFY); // from now on there is a spare descriptor
+	hang_up();
+	const auto road = [this] {
+		int fd = client(NOTIFY);
+		say(fd, make_event(VEK_EVENT_USER_LOGIN, ALICE));
+		passes();
+		say(fd, make_event(VEK_EVENT_USER_LOGOUT_REVOCABLE, ALICE));
+		passes();
+		heal();
+		// The next tick accepts again, and the next client finds nothing changed.
+		vek_resume_accept();
+		hang_up();
+		fd = client(NOTIFY);
+		say(fd, make_event(VEK_EVENT_USER_LOGIN, {"ssh", "bob", "2", 8}));
+		passes();
+		EXPECT_EQ(VEK_RESPONSE_SUCCESS, answer(fd));
+		hang_up();
+	};
+	for (const fault &fault : {NO_MEMORY,
+				   ::fault{"accept4", ENFILE},
+				   {"accept4", EMFILE, true},
+				   {"accept4", ECONNABORTED},
+				   {"send", EAGAIN},
+				   {"send", EPIPE},
+				   {"open", EMFILE, true}})
+		exhaust(fault, end_all, road, [](bool) { clean(); });
+}
+
+TEST_F(Fault, AParkedLogoutWithoutMemoryHappensAtOnce)
+{
+	const int fd = client(NOTIFY);
+	passes();
+	const auto prepare = [] {
+		end_all();
+		dispatch(VEK_EVENT_USER_LOGIN, ALICE);
+	};
+	const auto park = [&] {
+		say(fd, make_event(VEK_EVENT_USER_LOGOUT_REVOCABLE, ALICE));
+		vek_handle_notify(vek_socket_list.front()->fd, vek_socket_list.front());
+	};
+	exhaust(NO_MEMORY, prepare, park, [&](bool failed) {
+		clean();
+		EXPECT_EQ(failed, sessions().empty());
+		EXPECT_EQ(failed ? VEK_RESPONSE_SUCCESS : VEK_RESPONSE_FAIL, answer(fd));
+		EXPECT_EQ(failed, vek_deferred_logout_list.empty());
+	});
+}
+
+// A copy that cannot be written costs that subscriber its connection, and nobody else anything.
+TEST_F(Fault, ACopyThatCannotBeWrittenEndsItsSubscriptionOnly)
+{
+	vek_request listen{};
+	listen.method = VEK_LISTEN;
+	for (const int error : {EPIPE, ENOBUFS, EIO}) {
+		SCOPED_TRACE(error);
+		client(REQUEST);
+		passes();
+		const int second = client(REQUEST);
+		passes();
+		for (const int fd : clients)
+			say(fd, listen);
+		passes();
+		end_all();
+		inject({"send", error, error == ENOBUFS}, 1);
+		EXPECT_EQ(0, dispatch(VEK_EVENT_USER_LOGIN, ALICE));
+		EXPECT_TRUE(heal());
+		clean();
+		char copy[sizeof(vek_event)];
+		EXPECT_EQ(error == ENOBUFS ? 0 : ssize_t{sizeof(copy)},
+			  recv(second, copy, sizeof(copy), MSG_DONTWAIT));
+		hang_up();
+		EXPECT_TRUE(vek_listener_list.empty());
+	}
+}
+
+// The ftp server's table and the lockout table, and their locks: whatever cannot be had, the session ends,
+// nothing stays attached, a lock is free again, and a pass that had everything ages.
+TEST_F(Fault, SharedTablesThatCannotBeHad)
+{
+	ASSERT_EQ(0, terminator_init());
+	ASSERT_EQ(0, lockout_init());
+	const int ftp = shmget(PUREFTP_IPC_SHM_KEY, sizeof(ClientTerminateList), IPC_CREAT | 0666);
+	const int ftp_lock = semget(PUREFTP_IPC_KEY, 1, IPC_CREAT | 0666);
+	const int lockout = shmget(USER_LOCK_IPC_KEY, 0, 0), lockout_lock = semget(USER_LOCK_IPC_KEY, 1, 0);
+	auto *table = static_cast<user_lock *>(shmat(lockout, nullptr, 0));
+	const keys carol{"ftp", "carol", "3", ip4("10.0.0.3")};
+	for (const fault &fault :
+	     {::fault{"shmget", ENOENT}, {"shmat", ENOMEM}, {"semget", EACCES}, {"semtimedop", EAGAIN}})
+		exhaust(
+		    fault,
+		    [&] {
+			    dispatch(VEK_EVENT_USER_LOGIN, carol);
+			    table->enable = table->lockout_rec[5].inuse = 1;
+			    semctl(ftp_lock, 0, SETVAL, 1);
+			    semctl(lockout_lock, 0, SETVAL, 1);
+		    },
+		    [&] {
+			    dispatch(VEK_EVENT_USER_LOGOUT, carol);
+			    dispatch(VEK_EVENT_TIMER_10SECONDS);
+		    },
+		    [&](bool failed) {
+			    clean();
+			    EXPECT_EQ("", sessions());
+			    EXPECT_TRUE(failed || table->lockout_rec[5].inuse == 0);
+			    EXPECT_EQ(0U, attached(ftp));
+			    EXPECT_EQ(1U, attached(lockout));
+			    // Otherwise the call that gives it back may have failed.
+			    const bool held = fault.call[1] != 'h';
+			    EXPECT_TRUE(held || semctl(ftp_lock, 0, GETVAL) == 1);
+			    EXPECT_TRUE(held || semctl(lockout_lock, 0, GETVAL) == 1);
+		    });
+	shmdt(table);
+	lockout_exit();
+	shmctl(ftp, IPC_RMID, nullptr);
+	semctl(ftp_lock, 0, IPC_RMID);
+}
+
+// A module that does not start costs what it does; the daemon takes everything that comes all the same, and a
+// start after it is as good as a first one.
+TEST(FaultyStart, ADaemonWithAMissingModuleStillServes)
+{
+	const auto prepare = [] {
+		fake = fake_platform{};
+		uconf = nullptr;
+		vek_init_event();
+		vek_init_sock_event();
+	};
+	const auto serve = [](bool failed) {
+		rb_root = create_rbtree();
+		for (int number = 1; number < 2 * VEK_EVENT_LIMIT; number++)
+			for (const keys &keys : {ALICE, ::keys{"ftp", "bob", "2", 8}, ::keys{}}) {
+				connection client;
+				vek_event event = make_event(number % VEK_EVENT_LIMIT, keys);
+				dispatch(event, client.sock());
+				event.event_flag |= VEK_EVENT_FLAG_USED_IPV6_ADDR;
+				dispatch(event, client.sock());
+				listener_forget(client.sock()->fd);
+			}
+		if (!failed) {
+			clean();
+			dispatch(VEK_EVENT_USER_LOGIN, ALICE);
+			EXPECT_EQ("alice@captive portal#1", sessions());
+		}
+		end_all();
+		vek_free(rb_root);
+		vek_fini_event();
+		if (uconf != nullptr)
+			shmdt(uconf);
+		do_exitcalls();
+	};
+	for (const fault &fault : {NO_MEMORY,
+				   ::fault{"shmget", ENOSPC},
+				   {"shmat", ENOMEM},
+				   {"semget", ENOSPC},
+				   {"shmget", EACCES, true}})
+		exhaust(fault, prepare, do_initcalls, serve);
+}
