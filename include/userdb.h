@@ -14,6 +14,7 @@
 #include "avl.h"
 #include "list.h"
 #include "rbtree.h"
+#include "text.h"
 #include "vek.h"
 
 struct vek_socket;
@@ -172,6 +173,23 @@ int userdb_query_by_name(const char *username, user_info **uinfo_array);
 int userdb_query_by_ip(std::uint32_t ip, user_info **uinfo_array);
 int userdb_query_by_ip6(const in6_addr *ip6, user_info **uinfo_array);
 int userdb_query_all(user_info **uinfo_array);
+
+// What an event and a session both carry of a portal user and of its station, copied either way.
+template <class To, class From> void copy_portal_user(To *to, const From *from)
+{
+	copy_text(to->method, from->method);
+	copy_text(to->locale, from->locale);
+	copy_text(to->gender, from->gender);
+	copy_text(to->age, from->age);
+	copy_text(to->ssid_name, from->ssid_name);
+}
+template <class To, class From> void copy_station(To *to, const From *from)
+{
+	copy_text(to->ssid_profile_name, from->ssid_profile_name);
+	copy_text(to->ssid_vap_iface, from->ssid_vap_iface);
+	copy_text(to->sta_mac, from->sta_mac);
+	to->usr_from = from->usr_from;
+}
 
 // ---- handlers ----
 

@@ -104,23 +104,12 @@ void fill_dot1x(user_info *uinfo, const vek_event *event)
 	copy_text(uinfo->ga_binding_token, event->ga_binding_token);
 }
 
-void fill_portal(user_info *uinfo, const vek_event *event)
-{
-	copy_text(uinfo->method, event->method);
-	copy_text(uinfo->locale, event->locale);
-	copy_text(uinfo->gender, event->gender);
-	copy_text(uinfo->age, event->age);
-	copy_text(uinfo->ssid_name, event->ssid_name);
-	copy_text(uinfo->ssid_profile_name, event->ssid_profile_name);
-	copy_text(uinfo->ssid_vap_iface, event->ssid_vap_iface);
-	copy_text(uinfo->sta_mac, event->sta_mac);
-	uinfo->usr_from = event->usr_from;
-}
-
 bool fill_profile(user_info *uinfo, const vek_event *event)
 {
-	if (is_cloud && IsWebAuth(uinfo->service))
-		fill_portal(uinfo, event);
+	if (is_cloud && IsWebAuth(uinfo->service)) {
+		copy_portal_user(uinfo, event);
+		copy_station(uinfo, event);
+	}
 
 	user_profile_t profile;
 	std::memset(&profile, 0, sizeof(profile));

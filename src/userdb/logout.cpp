@@ -69,14 +69,8 @@ void copy_back_web_logout(vek_event *event, const user_info *uinfo)
 	event->ip = uinfo->ip;
 	if (!is_cloud)
 		return;
-	copy_text(event->method, uinfo->method);
-	copy_text(event->locale, uinfo->locale);
-	copy_text(event->gender, uinfo->gender);
-	copy_text(event->age, uinfo->age);
-	copy_text(event->ssid_name, uinfo->ssid_name);
-	copy_text(event->ssid_profile_name, uinfo->ssid_profile_name);
-	copy_text(event->ssid_vap_iface, uinfo->ssid_vap_iface);
-	event->usr_from = uinfo->usr_from;
+	copy_portal_user(event, uinfo);
+	copy_station(event, uinfo);
 }
 
 // A session without a station belongs to whatever station the event names.

@@ -54,18 +54,10 @@ void announce(const user_info *uinfo, const expiry &kind)
 			event.dst_ip6 = uinfo->dst_ip6;
 		}
 	}
-	if (is_cloud && kind.carries & CARRY_PORTAL) {
-		copy_text(event.method, uinfo->method);
-		copy_text(event.locale, uinfo->locale);
-		copy_text(event.gender, uinfo->gender);
-		copy_text(event.age, uinfo->age);
-		copy_text(event.ssid_name, uinfo->ssid_name);
-	}
+	if (is_cloud && kind.carries & CARRY_PORTAL)
+		copy_portal_user(&event, uinfo);
 	if (is_cloud && kind.carries & CARRY_STATION) {
-		copy_text(event.ssid_profile_name, uinfo->ssid_profile_name);
-		copy_text(event.ssid_vap_iface, uinfo->ssid_vap_iface);
-		copy_text(event.sta_mac, uinfo->sta_mac);
-		event.usr_from = uinfo->usr_from;
+		copy_station(&event, uinfo);
 		if (uinfo->usr_from == FOREIGN_AUTHENTICATED_USER)
 			event.notify_cc = DO_NOT_NOTIFY_CC;
 	}
