@@ -55,6 +55,13 @@ int run(int argc, char **argv)
 	add_lockouts_command(app, set);
 	add_stations_command(app, set);
 
+	// The parser would only say that a command is missing.
+	if (argc > 1 && argv[1][0] != '-' &&
+	    app.get_subcommands([&](const CLI::App *command) { return command->get_name() == argv[1]; })
+		.empty())
+		return end_with(
+		    {status_usage, "there is no command \"" + escaped(argv[1]) + "\" (see --help)"});
+
 	std::vector<std::string> arguments;
 	for (int i = argc - 1; i > 0; i--) // the parser takes them last first
 		arguments.push_back(with_dashes(argv[i]));

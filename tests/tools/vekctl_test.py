@@ -210,6 +210,7 @@ class Refusing(OnDaemon):
                       ("login", "--username", "x" * 64), ("login", "--username", "a", "--type", "king"), ("list", "--timeout", "0"),
                       ("login", "--username", "a", "--ip", "1.2.3.4", "--ip6", "::1"), ("config", "set", "max_idle_minute=x")):
             self.ok(*words, status=2)
+        self.assertIn('no command "lst"', run("lst").stderr)
 
     def test_a_stopped_daemon_and_a_closed_pipe(self):
         with open("/dev/full", "w") as full:
