@@ -69,9 +69,9 @@ int vek_write_pid()
 	if (fd < 0)
 		return -1;
 	pid_file_is_ours = true;
-	dprintf(fd, "%d", static_cast<int>(getpid()));
-	close(fd);
-	return 0;
+	// An empty one would let a second daemon start beside this one.
+	const bool written = dprintf(fd, "%d", static_cast<int>(getpid())) > 0;
+	return close(fd) == 0 && written ? 0 : -1;
 }
 
 void vek_remove_pid()
@@ -120,13 +120,19 @@ void vek_fini_binding()
 
 void usage(const char *program) { std::printf("%s [-d] [-d] [-h]\n", program); }
 
+void shut_down()
+{
+	vek_remove_pid();
+	vek_fini_binding();
+	vek_fini_event();
+	do_exitcalls();
+}
+
 // Gives up a start: what was begun is undone, and the status says so.
 int give_up(const char *message)
 {
 	std::fputs(message, stderr);
-	vek_fini_binding();
-	vek_fini_event();
-	do_exitcalls();
+	shut_down();
 	return -1;
 }
 
@@ -187,14 +193,6 @@ void run()
 		}
 		print_rb_tree_if_asked();
 	}
-}
-
-void shut_down()
-{
-	vek_remove_pid();
-	vek_fini_binding();
-	vek_fini_event();
-	do_exitcalls();
 }
 
 } // namespace
