@@ -14,7 +14,7 @@
 
 struct fake_log {
 	qzlog_entry entry;
-	int flags;
+	long flags; // wide enough that nothing is padded, so that two can be compared byte by byte
 };
 
 struct fake_platform {
