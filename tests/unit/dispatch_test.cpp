@@ -1,0 +1,134 @@
+// dispatch_test.cpp: how work reaches its handlers: the select loop, with what callbacks may do to the pass
+// they run in, and the clock. The order of the handlers is the model's.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <functional>
+#include <utility>
+#include <vector>
+
+#include "core.h"
+#include "sock_event.h"
+#include "vek_event.h"
+
+namespace {
+
+std::string trace;          // of the select loop: "r" or "w" and the data's letter, per callback
+std::function<void()> on_a; // done once, when "a" is read
+
+void note(char what, void *data)
+{
+	trace += what;
+	trace += *static_cast<char *>(data);
+	if (trace.ends_with("ra") && on_a)
+		std::exchange(on_a, nullptr)();
+}
+
+sock_event callbacks = {[](int, void *data) { note('w', data); }, [](int, void *data) { note('r', data); },
+			[](int) { return -7; }};
+
+std::string pass(int result = 0)
+{
+	trace.clear();
+	EXPECT_EQ(result, vek_sock_event_loop(&callbacks));
+	return trace;
+}
+
+char a[] = "a", b[] = "b", c[] = "c", d[] = "d";
+
+struct SockEvent : testing::Test {
+	std::vector<int> opened;
+
+	SockEvent() { vek_init_sock_event(); }
+	~SockEvent() override { std::ranges::for_each(opened, close); }
+	// A registered connection with something to read.
+	int add(char *name, int rw = FD_READ)
+	{
+		int ends[2];
+		EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, ends));
+		opened.insert(opened.end(), ends, ends + 2);
+		EXPECT_EQ(1, write(ends[1], "x", 1));
+		EXPECT_EQ(0, vek_sock_event_add_fd(ends[0], rw, name));
+		return ends[0];
+	}
+};
+
+TEST_F(SockEvent, RejectsWhatCannotBeWatchedAndWaitsUntilASignal)
+{
+	for (int fd : {-1, 128, 1 << 30, add(a)}) { // the last is there already
+		EXPECT_EQ(-1, vek_sock_event_add_fd(fd, FD_READ, nullptr)) << fd;
+		EXPECT_EQ(fd == opened[0] ? 0 : -1, vek_sock_event_del_fd(fd)) << fd;
+		EXPECT_EQ(-1, vek_sock_event_del_fd(fd)) << fd;
+	}
+	signal(SIGALRM, [](int) {});
+	ualarm(1000, 1000);
+	EXPECT_EQ("", pass());
+	ualarm(0, 0);
+}
+
+TEST_F(SockEvent, CallsInOrderOfRegistrationUntilOneIsDeleted)
+{
+	const int first = add(a), writer = add(b, FD_WRITE);
+	add(c);
+	const int high = fcntl(first, F_DUPFD, 100);
+	EXPECT_EQ(0, vek_sock_event_add_fd(high, FD_READ, d));
+	EXPECT_EQ("rawbrcrd", pass());
+	vek_sock_event_del_fd(first); // the last one takes its place
+	EXPECT_EQ("rdwbrc", pass());
+	vek_sock_event_del_fd(writer);
+	vek_sock_event_del_fd(high);
+	close(high);
+	EXPECT_EQ("rc", pass());
+	EXPECT_EQ(0, vek_sock_event_add_fd(high, FD_READ, nullptr));
+	EXPECT_EQ("", pass(-7)) << "a closed one is an error";
+}
+
+TEST_F(SockEvent, WhatACallbackDeletesOrAddsWaitsForTheNextPass)
+{
+	const int first = add(a), second = add(b);
+	add(c);
+	on_a = [&] { // the same number is another connection
+		vek_sock_event_del_fd(second);
+		EXPECT_EQ(0, vek_sock_event_add_fd(second, FD_READ, d));
+	};
+	EXPECT_EQ("rarc", pass());
+	on_a = [&] {
+		vek_sock_event_del_fd(second);
+		vek_sock_event_del_fd(first); // its own, too
+		add(b);
+	};
+	EXPECT_EQ("rarc", pass());
+	EXPECT_EQ("rcrb", pass());
+}
+
+TEST(Clock, TicksForAsLongAsSomebodyIsRegistered)
+{
+	core running;
+	trace.clear();
+	const vek_event_handler note_tick = [](vek_event *event, vek_socket *) {
+		trace += event->event == VEK_EVENT_TIMER_SECOND ? 's' : 'T';
+		return VEK_CONTINUE_DISPATCH;
+	};
+	for (int number : {VEK_EVENT_TIMER_SECOND, VEK_EVENT_TIMER_10SECONDS})
+		EXPECT_EQ(0, vek_register_event(number, 9, note_tick));
+	std::string want;
+	for (int call = 1; call <= 363; ++call) {
+		want += call % 11 ? "s" : "sT";
+		seconds_since_boot = 5000000000;
+		vek_tick();
+		EXPECT_EQ(call % 181 == 1, seconds_since_boot != 5000000001) << call << ": asked the system";
+	}
+	EXPECT_EQ(want, trace);
+	vek_unregister_event(VEK_EVENT_TIMER_SECOND, note_tick);
+	vek_tick();
+	EXPECT_EQ(want, trace);
+	for (int number : {-1, +VEK_EVENT_LIMIT}) // which nobody can be registered for
+		EXPECT_EQ(-1, vek_register_event(number, 9, note_tick));
+}
+
+} // namespace
