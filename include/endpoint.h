@@ -29,6 +29,7 @@ struct vek_socket {
 	pid_t pid;              // peer, as of accept
 	uid_t uid;              // peer, as of accept
 	std::uint64_t activity; // stamp of the last record read; smaller is longer silent
+	std::uint64_t put_off;  // stamp since which its request waits for a later pass; 0 when none does
 };
 
 // A revocable logout that waits for its time.
@@ -51,7 +52,8 @@ void vek_sock_event_read(int fd, void *data);
 void vek_sock_event_write(int fd, void *data);
 int vek_sock_event_error(int result);
 
-// Accept one connection from a listening socket. A connection that cannot be kept is closed at once.
+// Accept what waits at a listening socket, at most its queue. A connection that cannot be kept is closed at
+// once.
 void vek_accept_notify(int fd, void *data);
 void vek_accept_request(int fd, void *data);
 
@@ -77,7 +79,8 @@ void vek_deepen_buffer(vek_socket *sock);
 // Unlinks and frees a parked logout.
 void vek_free_deferred_logout(vek_deferred_logout *parked);
 
-// To be called by the main loop before each pass: renews the pass's limit of waiting.
+// To be called by the main loop before each pass: renews the pass's limit of waiting, and answers the first
+// of the requests that were put off.
 void vek_begin_pass();
 
 // To be called at each tick: listens again after a lack of descriptors or memory.

@@ -31,18 +31,14 @@ namespace {
 // ---- waiting for slow clients ----
 
 // Everybody waits while we wait for one client, so waiting is rationed: a pass of the main loop waits at most
-// PATIENCE_MS. A wait that ended with the client being shut down was in vain and is paid for: until the
-// patience has grown back, a pass waits no longer than what is left of it, or MIN_PASS_MS.
-constexpr std::int64_t PATIENCE_MS = 800;
+// PATIENCE_MS for services of user 0, and as long for all others. What it waited is paid for: until the
+// patience has grown back, a pass waits no longer than what is left of it, or MIN_PASS_MS. A long answer is
+// begun only with that much left. A request that comes later in a pass is put off, and has its turn before
+// the next one.
+constexpr std::int64_t PATIENCE_MS = 500;
 constexpr std::int64_t MIN_PASS_MS = 100;
 constexpr std::int64_t REGROWTH = 4; // milliseconds until one of patience is back
-constexpr std::int64_t MIN_ANSWER_MS =
-    50;                           // with less left, what may have a long answer waits for a later pass
-constexpr int FITS_AT_ONCE = 100; // records of an answer that any client's empty buffer takes
-
-std::int64_t patience_ms = PATIENCE_MS;
-std::int64_t patience_at_ms; // when that was so
-std::int64_t pass_left_ms = PATIENCE_MS;
+constexpr int FITS_AT_ONCE = 100;    // records of an answer that any client's empty buffer takes
 
 std::int64_t now_ms()
 {
@@ -51,46 +47,62 @@ std::int64_t now_ms()
 	return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
 }
 
-// By whole milliseconds of patience, so that no part of the time is lost however often this is called.
-void regrow_patience(std::int64_t now)
-{
-	const std::int64_t regrown = (now - patience_at_ms) / REGROWTH;
-	patience_ms = std::min(PATIENCE_MS, patience_ms + regrown);
-	patience_at_ms += regrown * REGROWTH;
-}
-
-// True when the client takes bytes again within what the pass has left.
-bool wait_for_client(int fd)
-{
-	const std::int64_t start = now_ms();
-	const std::int64_t deadline = start + pass_left_ms;
-	std::int64_t now = start;
-	bool writable = false;
-	while (!writable && now < deadline) {
-		pollfd ready{fd, POLLOUT, 0};
-		const int result = poll(&ready, 1, static_cast<int>(deadline - now));
-		if (result < 0 && errno != EINTR)
-			break;
-		writable = result > 0;
-		now = now_ms();
+class ration {
+public:
+	void begin_pass()
+	{
+		if (patience_ms_ < PATIENCE_MS)
+			regrow(now_ms());
+		left_ms_ = std::max(patience_ms_, MIN_PASS_MS);
 	}
-	pass_left_ms = std::max<std::int64_t>(0, deadline - now);
-	return writable;
-}
+	bool allows_a_long_answer() const { return left_ms_ >= MIN_PASS_MS; }
 
-// For a client that was given up after so long, be it that it took a little now and then.
-void pay_for(std::int64_t waited)
-{
-	const std::int64_t now = now_ms();
-	regrow_patience(now - waited);
-	patience_ms = std::max<std::int64_t>(0, patience_ms - waited);
-	patience_at_ms = now;
-}
+	// True when the client takes bytes again within what the pass has left.
+	bool wait_for(int fd)
+	{
+		const std::int64_t start = now_ms();
+		const std::int64_t deadline = start + left_ms_;
+		std::int64_t now = start;
+		bool writable = false;
+		while (!writable && now < deadline) {
+			pollfd ready{fd, POLLOUT, 0};
+			const int result = poll(&ready, 1, static_cast<int>(deadline - now));
+			if (result < 0 && errno != EINTR)
+				break;
+			writable = result > 0;
+			now = now_ms();
+		}
+		regrow(start);
+		left_ms_ = std::max<std::int64_t>(0, deadline - now);
+		patience_ms_ = std::max<std::int64_t>(0, patience_ms_ - (now - start));
+		patience_at_ms_ = now;
+		return writable;
+	}
+
+private:
+	// By whole milliseconds of patience, so that no part of the time is lost however often this is
+	// called.
+	void regrow(std::int64_t now)
+	{
+		const std::int64_t regrown = (now - patience_at_ms_) / REGROWTH;
+		patience_ms_ = std::min(PATIENCE_MS, patience_ms_ + regrown);
+		patience_at_ms_ += regrown * REGROWTH;
+	}
+
+	std::int64_t patience_ms_ = PATIENCE_MS;
+	std::int64_t patience_at_ms_ = 0; // when that was so
+	std::int64_t left_ms_ = PATIENCE_MS;
+};
+ration of_services, of_others;
+
+bool is_service(const vek_socket *sock) { return sock != nullptr && sock->uid == 0; }
+ration &ration_of(const vek_socket *sock) { return is_service(sock) ? of_services : of_others; }
 
 // ---- connections ----
 
 constexpr int BACKLOG = 5;
 std::uint64_t activity_stamp;
+bool some_put_off; // a request, at some time
 bool accept_paused;
 int spare_fd = -1; // given up for a moment to turn a connection away when descriptors have run out
 
@@ -141,11 +153,11 @@ bool keep(vek_socket *sock) { return vek_sock_event_add_fd(sock->fd, FD_READ, so
 // longest. The new connection moves into the freed descriptor's number.
 bool displace_for(vek_socket *sock)
 {
-	if (sock->uid != 0)
+	if (!is_service(sock))
 		return false;
 	vek_socket *silent = nullptr;
 	for (vek_socket *other : vek_socket_list)
-		if (other->uid != 0 && (silent == nullptr || other->activity < silent->activity))
+		if (!is_service(other) && (silent == nullptr || other->activity < silent->activity))
 			silent = other;
 	if (silent == nullptr)
 		return false;
@@ -276,6 +288,17 @@ constexpr int event_of_method[] = {
     VEK_EVENT_APP_QUERY_TOTAL_USER_NUM,
 };
 
+// Of the requests that were put off, the one whose turn it is: waiting longest.
+vek_socket *next_put_off(const ration &ration)
+{
+	vek_socket *next = nullptr;
+	for (vek_socket *sock : vek_socket_list)
+		if (sock->put_off != 0 && &ration_of(sock) == &ration &&
+		    (next == nullptr || sock->put_off < next->put_off))
+			next = sock;
+	return next;
+}
+
 // Does a request wait to be read whose answer its sender may have to read while it is written?
 bool may_be_long(const vek_socket *sock)
 {
@@ -351,9 +374,11 @@ void vek_sock_event_read(int fd, void *data)
 	switch (sock->type) {
 	case VEK_SOCKTYPE_NOTIFY: return vek_handle_notify(fd, sock);
 	case VEK_SOCKTYPE_REQUEST:
-		// It stays readable. In a pass whose waiting is used up a long answer would have no chance.
-		if (pass_left_ms >= MIN_ANSWER_MS || !may_be_long(sock))
-			vek_handle_request(fd, sock);
+		if (ration_of(sock).allows_a_long_answer() || !may_be_long(sock))
+			return vek_handle_request(fd, sock);
+		some_put_off = true;
+		if (sock->put_off == 0)
+			sock->put_off = ++activity_stamp;
 		return;
 	default: return vek_close_client(fd, sock);
 	}
@@ -402,6 +427,7 @@ void vek_handle_notify(int fd, vek_socket *sock)
 void vek_handle_request(int, vek_socket *sock)
 {
 	vek_request request;
+	sock->put_off = 0;
 	if (!read_record(sock, &request, sizeof(request)))
 		return end_client(sock);
 	if (request.method < VEK_QUERY_NAME || request.method > VEK_QUERY_TOTAL_USER_NUM)
@@ -436,18 +462,15 @@ ssize_t vek_send_response(int result, int fd)
 
 ssize_t vek_write_client(int fd, std::span<iovec> parts)
 {
-	const std::int64_t left_before = pass_left_ms;
 	ssize_t total = 0;
 	while (!parts.empty()) {
 		ssize_t sent = send_parts(fd, parts);
 		if (sent < 0) {
 			if (errno == EINTR)
 				continue;
-			if ((errno == EAGAIN || errno == ENOBUFS) && wait_for_client(fd))
+			if ((errno == EAGAIN || errno == ENOBUFS) && ration_of(socket_of(fd)).wait_for(fd))
 				continue;
 			const int reason = errno;
-			if (pass_left_ms != left_before)
-				pay_for(left_before - pass_left_ms);
 			if (reason != EPIPE && reason != ECONNRESET)
 				cut(fd, "did not read what it asked for");
 			errno = reason;
@@ -470,7 +493,7 @@ ssize_t vek_write_client(int fd, std::span<iovec> parts)
 void vek_deepen_buffer(vek_socket *sock)
 {
 	// Kernel memory, so only for those we trust: room for a burst of about 500 copies.
-	if (sock->uid != 0)
+	if (!is_service(sock))
 		return;
 	const int room = 640 * 1024; // the kernel doubles it for its own needs
 	if (setsockopt(sock->fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) < 0)
@@ -486,7 +509,14 @@ void vek_free_deferred_logout(vek_deferred_logout *parked)
 
 void vek_begin_pass()
 {
-	if (patience_ms < PATIENCE_MS)
-		regrow_patience(now_ms());
-	pass_left_ms = std::max(patience_ms, MIN_PASS_MS);
+	for (ration *ration : {&of_services, &of_others})
+		ration->begin_pass();
+	if (!some_put_off)
+		return;
+	some_put_off = false;
+	for (const ration *ration : {&of_services, &of_others})
+		if (vek_socket *sock = next_put_off(*ration)) {
+			some_put_off = true;
+			vek_handle_request(sock->fd, sock);
+		}
 }
