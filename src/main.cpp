@@ -1,6 +1,7 @@
 // main.cpp: the process: command line, start-up in its fixed order, the loop, shut-down. The bus, the socket
 // loop, the endpoints and the modules do the work; signal handlers only set flags that the loop acts on.
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -22,23 +23,23 @@ int debug;
 std::uint64_t seconds_since_boot;
 volatile std::sig_atomic_t vek_need_exit, vek_do_timer, vek_config_change;
 
-namespace {
-
 constexpr int SECONDS_GET_CURRENT = 180;
 constexpr int DEFAULT_VEK_NICE_VALUE = 19;
 constexpr int TICKS_PER_10SECONDS_EVENT = 11;
+constexpr char START_LOCK[] = "/var/run/vekd.lock";
 
-int ticks_since_reread = SECONDS_GET_CURRENT;
-int ticks_since_10seconds;
-std::uint64_t logout_defer_time = VEK_DEFAULT_LOGOUT_DEFER_TIME;
-bool pid_file_is_ours;
+static int ticks_since_reread = SECONDS_GET_CURRENT;
+static int ticks_since_10seconds;
+static std::uint64_t logout_defer_time = VEK_DEFAULT_LOGOUT_DEFER_TIME;
+static bool pid_file_is_ours;
+static int start_lock = -1;
 
 using module_function = int (*)();
 constexpr module_function initcalls[] = {userdb_init, listener_init,   responder_init,
 					 logger_init, terminator_init, lockout_init};
 constexpr module_function exitcalls[] = {userdb_exit, lockout_exit};
 
-void dispatch_own(int number)
+static void dispatch_own(int number)
 {
 	vek_event event = vek_new_event(number);
 	vek_dispatch_event(&event, nullptr);
@@ -46,12 +47,12 @@ void dispatch_own(int number)
 
 // ---- signals ----
 
-void vek_set_exit(int) { vek_need_exit = 1; }
-void vek_set_timer(int) { vek_do_timer = 1; }
-void vek_set_config_change(int) { vek_config_change = 1; }
+static void vek_set_exit(int) { vek_need_exit = 1; }
+static void vek_set_timer(int) { vek_do_timer = 1; }
+static void vek_set_config_change(int) { vek_config_change = 1; }
 
 // Not restarting: a signal must end the wait of the socket pass.
-void handle_signal(int signal, void (*handler)(int))
+static void handle_signal(int signal, void (*handler)(int))
 {
 	struct sigaction action {};
 	action.sa_handler = handler;
@@ -61,9 +62,9 @@ void handle_signal(int signal, void (*handler)(int))
 
 // ---- the pid file ----
 
-bool vek_pid_file_exists() { return access(VEK_PID_FILE, F_OK) == 0; }
+static bool vek_pid_file_exists() { return access(VEK_PID_FILE, F_OK) == 0; }
 
-int vek_write_pid()
+static int vek_write_pid()
 {
 	const int fd = open(VEK_PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
 	if (fd < 0)
@@ -74,7 +75,7 @@ int vek_write_pid()
 	return close(fd) == 0 && written ? 0 : -1;
 }
 
-void vek_remove_pid()
+static void vek_remove_pid()
 {
 	if (pid_file_is_ours)
 		unlink(VEK_PID_FILE);
@@ -82,7 +83,7 @@ void vek_remove_pid()
 
 // ---- the sockets ----
 
-int bind_endpoint(const char *path, int *listening_fd)
+static int bind_endpoint(const char *path, int *listening_fd)
 {
 	*listening_fd = vek_bind_unix_address(path);
 	if (*listening_fd < 0)
@@ -92,7 +93,7 @@ int bind_endpoint(const char *path, int *listening_fd)
 	return 0;
 }
 
-int vek_init_binding()
+static int vek_init_binding()
 {
 	unlink(VEK_ADDRESS_NOTIFY);
 	unlink(VEK_ADDRESS_REQUEST);
@@ -101,7 +102,7 @@ int vek_init_binding()
 	return bind_endpoint(VEK_ADDRESS_REQUEST, &vek_request_fd);
 }
 
-void vek_fini_binding()
+static void vek_fini_binding()
 {
 	for (int *fd : {&vek_notify_fd, &vek_request_fd}) {
 		if (*fd < 0)
@@ -118,9 +119,39 @@ void vek_fini_binding()
 
 // ---- the life of the process ----
 
-void usage(const char *program) { std::printf("%s [-d] [-d] [-h]\n", program); }
+// What must not depend on who starts us: a socket with the number of a closed standard stream would be
+// overwritten by detaching, and a blocked signal would never come.
+static void adopt_surroundings()
+{
+	int fd;
+	do
+		fd = open("/dev/null", O_RDWR);
+	while (fd >= 0 && fd <= STDERR_FILENO);
+	if (fd >= 0)
+		close(fd);
+	sigset_t none;
+	sigemptyset(&none);
+	sigprocmask(SIG_SETMASK, &none, nullptr);
+}
 
-void shut_down()
+// From before the look for a pid file until ours is written, so that of two starts at once one gives up.
+// Where no lock can be made, the pid file decides alone.
+static bool lock_start()
+{
+	start_lock = open(START_LOCK, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+	return start_lock < 0 || flock(start_lock, LOCK_EX | LOCK_NB) == 0;
+}
+
+static void unlock_start()
+{
+	if (start_lock >= 0)
+		close(start_lock);
+	start_lock = -1;
+}
+
+static void usage(const char *program) { std::printf("%s [-d] [-d] [-h]\n", program); }
+
+static void shut_down()
 {
 	vek_remove_pid();
 	vek_fini_binding();
@@ -129,7 +160,7 @@ void shut_down()
 }
 
 // Gives up a start: what was begun is undone, and the status says so.
-int give_up(const char *message)
+static int give_up(const char *message)
 {
 	std::fputs(message, stderr);
 	shut_down();
@@ -137,14 +168,15 @@ int give_up(const char *message)
 }
 
 // 0 when the daemon is ready for its loop.
-int start_up()
+static int start_up()
 {
+	adopt_surroundings();
 	if (debug)
 		std::fprintf(stderr, "enter debugging mode: level: %d\n", debug);
 	vek_init_event();
 	vek_init_sock_event();
 	// Before the sockets: a daemon that runs keeps its names.
-	if (vek_pid_file_exists())
+	if (!lock_start() || vek_pid_file_exists())
 		return give_up("Another vek daemon is running\n");
 	if (vek_init_binding() < 0)
 		return give_up("Can't init vek daemon!\n");
@@ -166,7 +198,8 @@ int start_up()
 	setitimer(ITIMER_REAL, &every_second, nullptr);
 
 	if (vek_write_pid() < 0)
-		return give_up("");
+		return give_up("Can't write the pid file!\n");
+	unlock_start();
 	// The result may rightly be -1; a daemon with its old priority still serves.
 	if (nice(DEFAULT_VEK_NICE_VALUE) == -1)
 		errno = 0;
@@ -175,7 +208,7 @@ int start_up()
 	return 0;
 }
 
-void run()
+static void run()
 {
 	while (!vek_need_exit) {
 		vek_begin_pass();
@@ -194,8 +227,6 @@ void run()
 		print_rb_tree_if_asked();
 	}
 }
-
-} // namespace
 
 void do_initcalls()
 {
@@ -240,7 +271,8 @@ std::uint64_t get_logout_defer_time()
 	if (vek_read_planted(VEK_LOGOUT_DEFER_TIME, text, sizeof(text)) < 0)
 		return logout_defer_time;
 	unlink(VEK_LOGOUT_DEFER_TIME);
-	const char *number = text + std::strspn(text, " \t\r\n");
+	const char *number = text + std::strspn(text, " \t\r\n\v\f");
+	number += *number == '+';
 	if (*number >= '0' && *number <= '9')
 		logout_defer_time = std::strtoul(number, nullptr, 10);
 	return logout_defer_time;
