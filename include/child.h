@@ -14,10 +14,11 @@
 
 constexpr int VEK_CHILD_LIMIT_MS = 2000; // of one tool, from its start to its end
 constexpr int VEK_CHILD_END_MS = 1000;   // for one that was killed; after it the reaper takes care of it
+constexpr int VEK_CHILD_STALLED = -2;    // no status of waitpid: it had to be killed
 
 // Runs a program (argv[0] is its path; the list ends with null) and waits for it. The status as waitpid gives
-// it, exit status 127 when the program cannot be started; -1 when no child could be made or one that was
-// killed would not go.
+// it, exit status 127 when the program cannot be started; -1 when no child could be made; VEK_CHILD_STALLED when
+// it did not end in time.
 int vek_run(const char *const argv[]);
 
 // The same for a command line of the system shell.

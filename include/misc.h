@@ -44,8 +44,8 @@ int get_sem(key_t key);
 void put_sem(key_t key);
 
 // One operation on semaphore 0 of set `id`, with SEM_UNDO, resumed when a signal interrupts it and given up
-// with errno EAGAIN after about one second as a whole. 0 or -1.
-int vek_semop(int id, int change);
+// with errno EAGAIN after about one second as a whole, or at once when it may not wait. 0 or -1.
+int vek_semop(int id, int change, bool may_wait = true);
 
 // A file in a directory where anybody may plant one: opened only when it is a regular file and not a link (to
 // be written: nor a second name of some other file), without ever blocking. The descriptor or -1 with errno.

@@ -31,8 +31,8 @@ void terminator_child_handler(int);
 int terminator_clear_session(vek_event *event, vek_socket *sock);
 
 // Has a process ended through the privileged launcher. The launcher's exit status; -1 when it was not run (as
-// for a number that is no process id, and for ten seconds after it had to be killed) or was ended by its limit or
-// a signal.
+// for a number that is no process id, and for a while after it had to be killed) or was ended by its limit or a
+// signal.
 int pidkill(int pid);
 
 // The console's terminal numbers, as text, from the kernel's list of consoles into two buffers of TTY_TEXT
@@ -43,11 +43,11 @@ void get_tty_by_proc(char *tty1, char *tty2);
 int get_pts_num();
 
 // Whether that terminal is this user's: RET_SUCCESS or RET_GENERAL_ERROR; RET_ERROR_RESOURCE_NOT_FOUND
-// without one.
+// without one. The name is quoted and taken literally: users choose it, and the command is run by root.
 int check_sshcon_available(char *pszUserName);
 
 // Takes and gives back semaphore 0 of an existing set. 0, or -1 after a message; taking gives up after about
-// one second. Only a lock that was taken may be given back.
+// one second, and for a while after that at once. Only a lock that was taken may be given back.
 int bsemaphore_p(key_t key);
 int bsemaphore_v(key_t key);
 

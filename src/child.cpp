@@ -107,17 +107,20 @@ bool reap(pid_t pid, std::int64_t deadline, int *status)
 }
 
 // Kills a child that has not been reaped (so that its group's number is still its own) and all of its group.
-int kill_group(pid_t pid)
+void kill_group(pid_t pid)
 {
 	int status;
 	kill(-pid, SIGKILL);
-	return reap(pid, monotonic_ms() + VEK_CHILD_END_MS, &status) ? status : -1;
+	reap(pid, monotonic_ms() + VEK_CHILD_END_MS, &status);
 }
 
 int finish(pid_t pid, std::int64_t deadline)
 {
 	int status;
-	return reap(pid, deadline, &status) ? status : kill_group(pid);
+	if (reap(pid, deadline, &status))
+		return status;
+	kill_group(pid);
+	return VEK_CHILD_STALLED;
 }
 } // namespace
 

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -152,16 +153,12 @@ int vek_create_sem(key_t key, const char *exists, const char *failure)
 				   [=](int flags) { return semget(key, 1, flags); });
 }
 
-int vek_semop(int id, int change)
+int vek_semop(int id, int change, bool may_wait)
 {
 	sembuf operation{0, static_cast<short>(change), SEM_UNDO};
-	const std::int64_t deadline = monotonic_ns() + SEMOP_LIMIT_NS;
+	const std::int64_t deadline = monotonic_ns() + (may_wait ? SEMOP_LIMIT_NS : 0);
 	for (;;) {
-		const std::int64_t left = deadline - monotonic_ns();
-		if (left <= 0) {
-			errno = EAGAIN;
-			return -1;
-		}
+		const std::int64_t left = std::max<std::int64_t>(0, deadline - monotonic_ns());
 		timespec wait;
 		wait.tv_sec = static_cast<time_t>(left / 1'000'000'000);
 		wait.tv_nsec = static_cast<long>(left % 1'000'000'000);

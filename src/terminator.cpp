@@ -52,26 +52,21 @@ template <std::size_t N> bool read_line(std::FILE *from, char (&line)[N])
 
 // ---- tools that may hang ----
 
-constexpr std::uint64_t STALLED_SECONDS = 10;
-
-// One that had to be killed costs its whole limit, and many sessions may end at once: for a while it is not
-// run again.
 class tool {
 public:
 	// Runs it by `start`, which gives its status. False when it was not run to its end.
 	template <class Start> bool run(Start start)
 	{
-		if (seconds_since_boot < stalled_until_)
+		if (stalled_.active())
 			return false;
 		const int status = start();
-		if (status >= 0 && WIFEXITED(status))
-			return true;
-		stalled_until_ = seconds_since_boot + STALLED_SECONDS;
-		return false;
+		if (status == VEK_CHILD_STALLED)
+			stalled_.start();
+		return status >= 0 && WIFEXITED(status);
 	}
 
 private:
-	std::uint64_t stalled_until_ = 0;
+	vek_backoff stalled_;
 };
 
 constinit tool listing, launcher, sshcon;
@@ -212,12 +207,17 @@ int open_semaphore(key_t key, char call)
 	return id;
 }
 
+constinit vek_backoff lock_is_held;
+
 int operate_semaphore(key_t key, char call, int change)
 {
 	const int id = open_semaphore(key, call);
 	if (id < 0)
 		return -1;
-	const int result = vek_semop(id, change);
+	const bool wait = !lock_is_held.active();
+	const int result = vek_semop(id, change, wait);
+	if (result < 0 && errno == EAGAIN && wait)
+		lock_is_held.start();
 	if (result < 0)
 		std::fprintf(stderr, "semaphore_%c failed, id: %d, failcode: %d\n", call, id, result);
 	return result;
