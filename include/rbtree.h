@@ -62,7 +62,7 @@ rb_node_t *rb_insert_station(struct rb_root *root, const vek_event *event);
 void rb_insert(struct rb_root *root, const vek_event *event);
 void rb_get_sta_from_vek_event(login_user_info_s *rb_sta, const vek_event *event);
 
-// Takes one station out of its tree and releases it.
+// Takes one station out of its tree, and from its session if it has one, and releases it.
 void rb_delete_station(struct rb_root *root, rb_node_t *node);
 // The same for the first station of that MAC and SSID profile; nothing when there is none.
 void delete_rbtree(struct rb_root *root, const char *mac, const char *ssid_profile_name);

@@ -21,6 +21,7 @@
 #include <utility>
 
 #include "child.h"
+#include "daemon.h"
 #include "misc.h"
 #include "rrm.h"
 #include "userdb.h"
@@ -305,6 +306,8 @@ void rb_insert(struct rb_root *root, const vek_event *event) { rb_insert_station
 
 void rb_delete_station(struct rb_root *root, rb_node_t *node)
 {
+	if (node->session)
+		node->session->station = nullptr; // which may be another's record soon
 	rb_erase(node, root);
 	release_station(node);
 }
@@ -386,8 +389,7 @@ bool lines_up(const login_user_info_s *sta, const char list[][STATION_LIST_MAC])
 
 vek_event logout_of_chosen()
 {
-	vek_event event{};
-	event.event = VEK_EVENT_USER_LOGOUT;
+	vek_event event = vek_new_event(VEK_EVENT_USER_LOGOUT);
 	copy_text(event.service, service_of_method(del_usr_info.portal_method));
 	copy_text(event.username, del_usr_info.username);
 	copy_text(event.real_username, del_usr_info.username);
@@ -442,13 +444,16 @@ void find_earlist_portal_user(struct rb_root *root, const char redis_mac[][STATI
 
 void kickout_not_in_redis_portal_user()
 {
+	static constinit vek_backoff tool_stalled;
+	if (tool_stalled.active())
+		return;
 	char device_mac[32]{}, table[64];
 	rrm_get_common_mac(device_mac, sizeof device_mac);
+	device_mac[sizeof device_mac - 1] = '\0';
 	// It becomes part of a command line.
 	if (device_mac[std::strspn(device_mac, "0123456789abcdefABCDEF:.-")] != '\0')
 		return;
-	std::snprintf(table, sizeof table, "%s-%.*s", STA_STATISTIC_TABLE_PREFIX,
-		      static_cast<int>(sizeof device_mac), device_mac);
+	std::snprintf(table, sizeof table, "%s-%s", STA_STATISTIC_TABLE_PREFIX, device_mac);
 
 	char mac_command[512], time_command[512];
 	std::snprintf(mac_command, sizeof mac_command,
@@ -468,7 +473,9 @@ void kickout_not_in_redis_portal_user()
 			copy_text(list[entries++], mac);
 	}
 	// Half an answer would name a station that is still there.
-	if (!macs.timed_out() && !times.timed_out())
+	if (macs.timed_out() || times.timed_out())
+		tool_stalled.start();
+	else
 		find_earlist_portal_user(rb_root, list);
 }
 

@@ -266,7 +266,6 @@ void userdb_end_session(user_list *ulist)
 	userdb_remove(ulist);
 	if (ulist->station != nullptr)
 		rb_delete_station(rb_root, ulist->station);
-	ulist->station = nullptr;
 	free_user_list(ulist);
 }
 
