@@ -235,8 +235,10 @@ void *go_to_edge(avl_traverser *trav, avl_table *tree, int d, const char *operat
 	return go_to_end(trav, tree->avl_root, d, operation);
 }
 
+} // namespace
+
 // Makes the ancestor stack right again after the table changed.
-void trav_refresh(avl_traverser *trav)
+static void trav_refresh(avl_traverser *trav)
 {
 	require(trav, "trav != NULL");
 	const avl_table *tree = trav->avl_table;
@@ -250,6 +252,8 @@ void trav_refresh(avl_traverser *trav)
 		i = i->avl_link[compare(tree, trav->avl_node->avl_data, i) > 0];
 	}
 }
+
+namespace {
 
 // To the neighbour on side d.
 void *move(avl_traverser *trav, int d, const char *operation)
@@ -274,14 +278,14 @@ void *move(avl_traverser *trav, int d, const char *operation)
 	return stand_on(trav, nullptr);
 }
 
+} // namespace
+
 // Gives up a copy: what has its item already goes to `destroy`.
-avl_table *copy_error_recovery(avl_table *tree, avl_item_func *destroy)
+static avl_table *copy_error_recovery(avl_table *tree, avl_item_func *destroy)
 {
 	avl_destroy(tree, destroy);
 	return nullptr;
 }
-
-} // namespace
 
 void *avl_malloc(libavl_allocator *allocator, std::size_t size)
 {

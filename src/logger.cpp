@@ -16,6 +16,32 @@
 #include "vek_event.h"
 #include "veklog.h"
 
+const char *get_type_str(std::uint8_t type)
+{
+	switch (type) {
+	case ADMIN_TYPE: return "Administrator";
+	case GUEST_TYPE: return "Guest";
+	case EXT_TYPE: return "Ext-User";
+	case LIMIT_TYPE: return "Limited-Admin";
+	default: return "User";
+	}
+}
+
+const char *get_service_str(const char *service)
+{
+	static constexpr struct {
+		const char *service, *display;
+	} table[] = {
+	    {SERVICE_NAME_DOT1X, "802.1X"},
+	    {SERVICE_NAME_MAC_AUTH, "MAC auth"},
+	    {SERVICE_NAME_GOOGLE_AUTHENTICATOR, "google authenticator"},
+	};
+	for (const auto &row : table)
+		if (std::strcmp(service, row.service) == 0)
+			return row.display;
+	return service;
+}
+
 namespace {
 
 int is_cloud;
@@ -85,32 +111,6 @@ constexpr wording IDLE_TIMEOUT = {
     "%T %U (MAC: %M, IP: %I) %S logout (idle timeout).",
     "%T %U %S logout (idle timeout).",
 };
-
-const char *get_type_str(std::uint8_t type)
-{
-	switch (type) {
-	case ADMIN_TYPE: return "Administrator";
-	case GUEST_TYPE: return "Guest";
-	case EXT_TYPE: return "Ext-User";
-	case LIMIT_TYPE: return "Limited-Admin";
-	default: return "User";
-	}
-}
-
-const char *get_service_str(const char *service)
-{
-	static constexpr struct {
-		const char *service, *display;
-	} table[] = {
-	    {SERVICE_NAME_DOT1X, "802.1X"},
-	    {SERVICE_NAME_MAC_AUTH, "MAC auth"},
-	    {SERVICE_NAME_GOOGLE_AUTHENTICATOR, "google authenticator"},
-	};
-	for (const auto &row : table)
-		if (std::strcmp(service, row.service) == 0)
-			return row.display;
-	return service;
-}
 
 const char *reason_of(int sub_event)
 {

@@ -10,9 +10,9 @@
 #include "userdb.h"
 #include "vek_event.h"
 
-namespace {
+static user_info *uinfo_array[VEK_MAX_USERS];
 
-user_info *uinfo_array[VEK_MAX_USERS];
+namespace {
 
 constexpr int ADDRESS_PART = 1;
 constexpr int NAME_PART = 2;

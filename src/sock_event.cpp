@@ -7,28 +7,24 @@
 #include <algorithm>
 #include <cerrno>
 
-namespace {
+static int nfiles = VEK_MAX_FILES;
+static int fd_rw[VEK_MAX_FILES];         // -1, FD_READ or FD_WRITE
+static void *fd_data[VEK_MAX_FILES];     // not ours
+static int select_fds[VEK_MAX_FILES];    // registered descriptors in 0..nselect_fds-1, -1 beyond
+static int select_fdidx[VEK_MAX_FILES];  // a descriptor's place in select_fds, or -1
+static int select_rfdidx[VEK_MAX_FILES]; // ready in this pass
+static int nselect_fds;
+static int nwriters; // registered for writing
+static fd_set master_rfdset, master_wfdset;
+static fd_set working_rfdset, working_wfdset;
+static int maxfd = -1;
+static int maxfd_changed;
 
-int nfiles = VEK_MAX_FILES;
-int fd_rw[VEK_MAX_FILES];         // -1, FD_READ or FD_WRITE
-void *fd_data[VEK_MAX_FILES];     // not ours
-int select_fds[VEK_MAX_FILES];    // registered descriptors in 0..nselect_fds-1, -1 beyond
-int select_fdidx[VEK_MAX_FILES];  // a descriptor's place in select_fds, or -1
-int select_rfdidx[VEK_MAX_FILES]; // ready in this pass
-int nselect_fds;
-int nwriters; // registered for writing
-fd_set master_rfdset, master_wfdset;
-fd_set working_rfdset, working_wfdset;
-int maxfd = -1;
-int maxfd_changed;
-
-bool is_ready(int fd)
+static bool is_ready(int fd)
 {
 	return (fd_rw[fd] == FD_READ && FD_ISSET(fd, &working_rfdset)) ||
 	       (fd_rw[fd] == FD_WRITE && FD_ISSET(fd, &working_wfdset));
 }
-
-} // namespace
 
 void vek_init_sock_event()
 {
