@@ -26,8 +26,7 @@ struct avl_walk {
 		++count;
 		const int right = height(node->avl_link[1]);
 		if (right - left != node->avl_balance || abs(right - left) > 1)
-			error = "avl: balance " + std::to_string(node->avl_balance) + " at heights " +
-				std::to_string(left) + ", " + std::to_string(right);
+			error = "avl: balance";
 		return 1 + (left > right ? left : right);
 	}
 };
@@ -66,36 +65,21 @@ int list_length(const list_head *head, int limit)
 using slot_set = std::bitset<VEK_MAX_USERS>;
 std::size_t slot_of(const user_list *session) { return static_cast<std::size_t>(session - userdb_ulist); }
 
-struct index_rules {
-	const char *name;
-	avl_table *tree;
-	std::int32_t user_list::*counter;
-	list_head user_list::*ring;
-	user_list *(*entry)(list_head *);
-};
-
-template <auto Ring> user_list *ring_entry(list_head *link) { return list_entry<Ring>(link); }
-
-std::string check_index(const index_rules &index, const slot_set &in_use)
+template <auto Ring, auto Counter>
+std::string check_index(const std::string &where, avl_table *tree, const slot_set &in_use)
 {
-	const std::string where = std::string("index by ") + index.name + ": ";
-	if (std::string error = check_avl(index.tree); !error.empty())
+	if (std::string error = check_avl(tree); !error.empty())
 		return where + error;
 	slot_set seen;
 	avl_traverser walk;
-	for (void *item = avl_t_first(&walk, index.tree); item != nullptr; item = avl_t_next(&walk)) {
+	for (void *item = avl_t_first(&walk, tree); item != nullptr; item = avl_t_next(&walk)) {
 		auto *representative = static_cast<user_list *>(item);
-		list_head *head = &(representative->*index.ring);
-		const int others = list_length(head, VEK_MAX_USERS);
-		if (others < 0)
-			return where + "broken ring";
-		if (others + 1 != representative->*index.counter)
-			return where + "counter " + std::to_string(representative->*index.counter) + " of " +
-			       std::to_string(others + 1);
-		list_head *link = head;
+		list_head *head = &(representative->*Ring), *link = head;
+		if (list_length(head, VEK_MAX_USERS) + 1 != representative->*Counter)
+			return where + "broken ring, or not of its counter's length";
 		do {
-			const user_list *session = index.entry(link);
-			if (index.tree->avl_compare(session, representative, nullptr) != 0)
+			const user_list *session = list_entry<Ring>(link);
+			if (tree->avl_compare(session, representative, nullptr) != 0)
 				return where + "different keys on one ring";
 			if (!in_use.test(slot_of(session)) || seen.test(slot_of(session)))
 				return where + "a session that is free or twice there";
@@ -112,9 +96,7 @@ std::string check_avl(const avl_table *table)
 {
 	avl_walk walk{.table = table, .error = {}};
 	walk.height(table->avl_root);
-	if (walk.error.empty() && walk.count != avl_count(table))
-		return "avl: count " + std::to_string(avl_count(table)) + " of " + std::to_string(walk.count);
-	return walk.error;
+	return walk.error.empty() && walk.count != avl_count(table) ? "avl: count" : walk.error;
 }
 
 std::string check_rbtree(const struct rb_root *root)
@@ -143,16 +125,13 @@ std::string check_invariants()
 		if (in_use.test(slot_of(slot)))
 			return "a slot is free and in use";
 
-	const index_rules indexes[] = {
-	    {"name", avl_username_tree, &user_list::same_name_users, &user_list::same_name_list,
-	     ring_entry<&user_list::same_name_list>},
-	    {"ip", avl_ip_tree, &user_list::same_ip_users, &user_list::same_ip_list,
-	     ring_entry<&user_list::same_ip_list>},
-	    {"ip6", avl_ip6_tree, &user_list::same_ip6_users, &user_list::same_ip6_list,
-	     ring_entry<&user_list::same_ip6_list>},
-	};
-	for (const index_rules &index : indexes)
-		if (std::string error = check_index(index, in_use); !error.empty())
+	for (const std::string &error : {check_index<&user_list::same_name_list, &user_list::same_name_users>(
+					     "index by name: ", avl_username_tree, in_use),
+					 check_index<&user_list::same_ip_list, &user_list::same_ip_users>(
+					     "index by IPv4: ", avl_ip_tree, in_use),
+					 check_index<&user_list::same_ip6_list, &user_list::same_ip6_users>(
+					     "index by IPv6: ", avl_ip6_tree, in_use)})
+		if (!error.empty())
 			return error;
 
 	for (int i = 0; i < 4; ++i) {
@@ -179,20 +158,19 @@ std::string check_invariants()
 
 	if (std::string error = check_rbtree(rb_root); !error.empty())
 		return error;
-	int stations = 0;
+	std::size_t stations = 0;
 	for (rb_node_t *node = rb_first(rb_root); node != nullptr; node = rb_next(node), ++stations)
-		if (node->session == nullptr || node->session->station != node ||
-		    !in_use.test(slot_of(node->session)))
+		if (node->session == nullptr || node->session->station != node)
 			return "a station without its session";
 	for (std::size_t i = 0; i < VEK_MAX_USERS; ++i) {
 		const user_list &slot = userdb_ulist[i];
 		if (slot.uinfo != &userdb_uinfo[i])
 			return "a slot lost its record";
-		stations -= slot.station != nullptr && in_use.test(slot_of(&slot));
-		if (slot.station != nullptr && !in_use.test(slot_of(&slot)))
-			return "a free slot has a station";
-		if (slot.station != nullptr && !IsWebAuth(slot.uinfo->service))
-			return "a station of a session that is none of the portal's";
+		if (slot.station == nullptr)
+			continue;
+		stations--;
+		if (!in_use.test(i) || !IsWebAuth(slot.uinfo->service))
+			return "a station of a free slot, or of a session that is none of the portal's";
 	}
 	return stations == 0 ? "" : "a session whose station is not in the tree";
 }
