@@ -82,13 +82,13 @@ int vek_run(const char *const argv[])
 	for (; *argv != nullptr; ++argv)
 		line += (line.empty() ? "" : " ") + std::string(*argv);
 	fake.commands.push_back(line);
-	return 0;
+	return fake.child_status;
 }
 
 int vek_run_shell(const char *command)
 {
 	fake.commands.emplace_back(command);
-	return 0;
+	return fake.child_status;
 }
 
 // The pipe's private members serve as it pleases: fd_ tells which listing, used_ the next line.

@@ -59,6 +59,17 @@ TEST_F(Rbtree, RecordSearchAndDeletion)
 	}
 }
 
+TEST_F(Rbtree, AStationDeletedByNameIsNoLongerItsSessions)
+{
+	core running;
+	dispatch(portal("old", "aa:01", "ssid1", "1"));
+	delete_rbtree(rb_root, "aa:01", "ssid1");
+	dispatch(portal("new", "aa:02", "ssid1", "2")); // gets its memory
+	dispatch(VEK_EVENT_USER_LOGOUT, {.user = "old"});
+	ASSERT_NE(nullptr, rb_root->rb_node);
+	EXPECT_STREQ("aa:02", rb_root->rb_node->user_info->mac_addr);
+}
+
 std::string dump()
 {
 	std::ifstream file(VEK_RBTREE_DUMP);

@@ -1,9 +1,8 @@
 // records_test.cpp: what leaves the daemon, in literal text, which the model could tell as wrongly as the
-// daemon: log messages, one of a kind, and what becomes of long ones; one whole announcement of a time-out;
-// what the platform is asked about rights.
+// daemon: log messages, one of a kind, and what becomes of long ones; what the platform is asked about
+// rights.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <tuple>
 
 #include "core.h"
@@ -68,37 +67,6 @@ TEST(Records, DebugModePrintsWhatIsIPv4)
 		  "TestBody: User 1.2.3.4: full 7\n",
 		  testing::internal::GetCapturedStderr());
 	EXPECT_EQ("User bob (IP:  [2001:db8::1] ) ssh logout (force-logout).\n", fake.take_messages());
-}
-
-TEST(Records, ALeaseTimeOutCarriesTheStation)
-{
-	core running;
-	fake.mode = WHOPMODE_CLOUD;
-	vek_event event = make_event(VEK_EVENT_USER_LOGIN, {"captive portal", "bob", "k"});
-	copy_text(event.username, "virtual");
-	char letter = 'a'; // each text is another one
-	for (char *text : {event.method, event.locale, event.gender, event.age, event.ssid_name,
-			   event.ssid_profile_name, event.ssid_vap_iface, event.sta_mac})
-		*text = letter++;
-	set_ip6(event, "2001:db8::1");
-	event.dst_ip6 = ip6("2001:db8::2");
-	event.usr_from = FOREIGN_AUTHENTICATED_USER;
-	event.default_lease_time = 1;
-	EXPECT_EQ(0, dispatch(event));
-	user_info &session = *session_of("k");
-	session.usr_flags = VEK_EVENT_FLAG_USED_IPV6_ADDR; // somebody asked for it
-	session.tunnel_ip = event.tunnel_ip = 5;
-	session.attribute = event.attribute = 3;
-
-	announced.clear();
-	seconds_since_boot += 60;
-	dispatch(VEK_EVENT_TIMER_SECOND);
-	ASSERT_EQ(1u, announced.size());
-	event.event = VEK_EVENT_USER_LEASE_TIMEOUT;
-	event.default_lease_time = 0;
-	event.notify_cc = DO_NOT_NOTIFY_CC;
-	const vek_event want = plain(event), got = plain(announced[0]);
-	EXPECT_EQ(0, std::memcmp(&want, &got, sizeof(want)));
 }
 
 TEST(Records, RightsAreAskedForByTypeOrByName)

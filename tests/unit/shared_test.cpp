@@ -9,6 +9,7 @@
 #include <cstring>
 #include <tuple>
 
+#include "child.h"
 #include "core.h"
 #include "init.h"
 #include "lockout.h"
@@ -134,6 +135,19 @@ TEST_F(Ftp, EndsTheFirstClientOfThatNameAndAddress)
 		EXPECT_EQ("0", log_out("user0")) << pid;
 	}
 	EXPECT_EQ(1, value_of(PUREFTP_IPC_KEY)) << "given back";
+}
+
+TEST_F(Ftp, OnlyALauncherThatStalledIsLeftAloneForAWhile)
+{
+	seconds_since_boot = 100; // the while is over when the next test begins
+	for (int status : {-1, 9, 3 << 8, VEK_CHILD_STALLED}) { // not made, killed by somebody, failed
+		fake.child_status = status;
+		EXPECT_EQ(status == 3 << 8 ? 3 : -1, pidkill(7));
+		fake.child_status = 0;
+		EXPECT_EQ(status == VEK_CHILD_STALLED ? -1 : 0, pidkill(7)) << status;
+	}
+	seconds_since_boot += vek_backoff::SECONDS;
+	EXPECT_EQ(0, pidkill(7));
 }
 
 TEST_F(Ftp, OnlySizesFrom1To49AreUsed)
