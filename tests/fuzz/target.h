@@ -1,5 +1,5 @@
-// target.h: what every fuzz target has: the function that a fuzzer, or replay.cpp, calls with an input, and the
-// word for a rule that does not hold.
+// target.h: what every fuzz target has: the function that a fuzzer, or replay.cpp, calls with an input, and
+// the word for a rule that has to hold.
 #ifndef TARGET_H
 #define TARGET_H
 
@@ -13,9 +13,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 
 using bytes = std::span<const std::uint8_t>;
 
-[[noreturn]] inline void broken(const char *rule)
+inline void require(bool holds, const char *broken)
 {
-	std::fprintf(stderr, "broken: %s\n", rule);
+	if (holds)
+		return;
+	std::fprintf(stderr, "broken: %s\n", broken);
 	std::abort();
 }
 

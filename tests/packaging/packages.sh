@@ -16,14 +16,10 @@ lintian --allow-root --fail-on warning ./*.deb
 
 for package in vekd libvekclient1 libvekclient-dev; do
 	dpkg-deb --extract "$package"_*.deb "$root"
-	[[ -s $root/usr/share/doc/$package/copyright ]]
 done
 [[ $(dpkg-deb --field libvekclient-dev_*.deb Depends) == "libvekclient1 (= $(dpkg-deb --field vekd_*.deb Version))" ]]
 
 lib=$(dirname "$root"/usr/lib/*/libvekclient.so.1)
-for page in vekd.8 vekctl.1 vekd-protocol.7; do
-	[[ -s $root/usr/share/man/man${page##*.}/$page.gz && -s $root/usr/share/doc/vekd/html/$page.html ]]
-done
 
 # The example, compiled as its reader would: with pkg-config, and with CMake.
 example=$root/usr/share/doc/libvekclient-dev/examples/report_login.c

@@ -4,10 +4,9 @@
 set -euo pipefail
 
 stated=$(sed -n 's/.*exposure level \([0-9.]*[0-9]\).*/\1/p' "$1")
-in_readme=$(sed -n 's/.*exposure is \([0-9.]*[0-9]\).*/\1/p' "$2")
 [[ -n $stated ]] || { echo "the unit states no exposure level" >&2; exit 1; }
-if [[ -n $in_readme && $in_readme != "$stated" ]]; then
-	echo "the README states exposure level $in_readme, the unit $stated" >&2
+if grep -o 'exposure is [0-9.]*[0-9]' "$2" | grep -v " $stated\$"; then
+	echo "the README says so, the unit exposure level $stated" >&2
 	exit 1
 fi
 systemd-analyze security --offline=true --no-pager --threshold="${stated/./}" "$1" | tail -n 1

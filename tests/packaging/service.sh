@@ -6,52 +6,41 @@ vekd=$1 vekctl=$2 packaging=$3
 export DAEMON=$vekd VEKD_PID=$packaging/vekd-pid
 export PATH=$PATH:/usr/sbin:/sbin
 
-fail()
-{
-	echo "service.sh: $*" >&2
-	exit 1
-}
+fail() { echo "service.sh: $*" >&2; exit 1; }
 
-# expect STATUS ARGUMENT: what the init script answers.
+# expect [STATUS ARGUMENT]...: what the init script answers, call by call.
 expect()
 {
-	local status=0
-	"$packaging/vekd.init" "$2" || status=$?
-	((status == $1)) || fail "$2 ended with status $status, not $1"
+	while (($# > 0)); do
+		local status=0
+		"$packaging/vekd.init" "$2" || status=$?
+		((status == $1)) || fail "$2 ended with status $status, not $1"
+		shift 2
+	done
 }
 
 daemon_pid() { cat /var/run/vekd.pid; }
 
-expect 3 status
-expect 0 stop
-expect 0 start
+expect 3 status 0 stop 0 start
 first=$(daemon_pid)
 expect 0 start
 [[ $(daemon_pid) == "$first" ]] || fail "a second start replaced a daemon that runs"
-expect 0 status
-expect 0 reload
-expect 0 restart
+expect 0 status 0 reload 0 restart
 [[ $(daemon_pid) != "$first" ]] || fail "restart did not"
 
 # Killed: the pid file stays, also when its number has become another's.
 kill -KILL "$(daemon_pid)"
 while kill -0 "$(daemon_pid)" 2>/dev/null; do sleep 0.05; done
-expect 1 status
-expect 0 start
-expect 0 stop
+expect 1 status 0 start 0 stop
 for left in $$ 999999999 '' -1 'no number'; do
 	printf %s "$left" >/var/run/vekd.pid
-	expect 1 status
-	expect 0 start
-	expect 0 status
-	expect 0 stop
+	expect 1 status 0 start 0 status 0 stop
 done
 
 # A daemon that ignores the end it is asked for is killed.
 expect 0 start
 kill -STOP "$(daemon_pid)"
-expect 0 stop
-expect 3 status
+expect 0 stop 3 status
 
 # A login shell of somebody else that is listed on terminal 7, and a launcher for what ends it.
 setpriv --reuid 65534 --clear-groups sleep 300 &
@@ -73,14 +62,14 @@ unshare --mount bash -euc '
 ' - "$(setting ReadWritePaths)" "$(setting CapabilityBoundingSet | tr A-Z a-z | sed 's/ *cap_/,+/g')" "$vekd" \
 	"$(setting UMask)"
 for ((i = 0; i < 100; i++)); do
-	! "$VEKD_PID" running >/dev/null || break
+	"$VEKD_PID" running >/dev/null && break
 	sleep 0.05
 done
 [[ $(grep CapBnd "/proc/$(daemon_pid)/status") != "$(grep CapBnd /proc/self/status)" ]] || fail "it kept all rights"
 
-report=(--service telnet --username alice --unique pts/7 --ip 192.0.2.1)
-"$vekctl" login "${report[@]}"
-"$vekctl" logout "${report[@]}"
+for report in login logout; do
+	"$vekctl" "$report" --service telnet --username alice --unique pts/7 --ip 192.0.2.1
+done
 status=0
 wait "$shell" || status=$?
 ((status == 128 + 15)) || fail "the shell was not ended by the signal that kill sends"

@@ -1,0 +1,277 @@
+// daemon.cpp: what reaches the daemon, through the functions that its main loop calls, over the recording
+// platform: nothing here starts a process or waits. The targets notify and request are one client's stream of
+// records (STREAM is its socket's type) to a fresh core. The target both is everything in any order: records,
+// requests, subscribers that read or do not, ticks, parked logouts, changes of the mode and of the shared
+// blocks, a full pool. Its core lives on from input to input, and inputs put one behind the other are one
+// input: the file that VEK_FUZZ_TRAIL names always holds what led to the present state, to be replayed.
+#include <poll.h>
+#include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <functional>
+
+#include "core.h"
+#include "init.h"
+#include "misc.h"
+#include "rbtree.h"
+#include "target.h"
+#include "vek_fields.h"
+
+namespace {
+
+// A connection of user 1, of which both ends are here.
+struct client {
+	int fd = -1;
+	bool reads = true;
+
+	// Null once the daemon has closed it.
+	vek_socket *daemon_side() const
+	{
+		for (vek_socket *sock : vek_socket_list)
+			if (sock->pid == fd)
+				return sock;
+		return nullptr;
+	}
+
+	// True when there was something to read.
+	bool drain() const
+	{
+		static char piece[1 << 20];
+		return reads && recv(fd, piece, sizeof(piece), MSG_DONTWAIT) > 0;
+	}
+
+	// Lets the daemon read until nothing is left.
+	void serve() const
+	{
+		while (vek_socket *sock = daemon_side()) {
+			char next;
+			if (recv(sock->fd, &next, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN)
+				return;
+			vek_begin_pass();
+			vek_sock_event_read(sock->fd, sock);
+			while (drain())
+				;
+		}
+	}
+
+	void close()
+	{
+		if (fd < 0)
+			return;
+		shutdown(fd, SHUT_RDWR);
+		serve();
+		require(daemon_side() == nullptr, "a connection outlives its client");
+		::close(fd);
+		*this = {};
+	}
+
+	// On a new connection unless there is one.
+	void say(std::uint8_t type, const void *data, std::size_t size)
+	{
+		if (daemon_side() == nullptr) {
+			close();
+			int ends[2];
+			require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) == 0, "no socket");
+			fd = ends[1];
+			auto *sock = static_cast<vek_socket *>(vek_malloc(sizeof(vek_socket)));
+			sock->type = type;
+			sock->fd = ends[0];
+			sock->pid = fd; // as good as any, and says whose it is
+			sock->uid = 1;
+			require(vek_sock_event_add_fd(sock->fd, FD_READ, sock) == 0, "its number is in use");
+			vek_socket_list.push_back(sock);
+		}
+		send(fd, data, size, MSG_NOSIGNAL);
+		serve();
+	}
+} clients[5], &service = clients[0];
+
+// What other programs write to: configuration, lockout table, the ftp server's table.
+std::span<char> shared_blocks[3];
+
+// A core without sessions, parked logouts and clients; the first call starts it.
+void fresh_core()
+{
+	static const core *daemon;
+	if (daemon == nullptr) {
+		daemon = new core;
+		require(terminator_init() == 0 && lockout_init() == 0, "a module did not start");
+		int id;
+		shared_blocks[0] = {reinterpret_cast<char *>(uconf), sizeof(user_config)};
+		shared_blocks[1] = {static_cast<char *>(get_shm(USER_LOCK_IPC_KEY)), sizeof(user_lock)};
+		void *ftp = vek_create_shm(PUREFTP_IPC_SHM_KEY, sizeof(ClientTerminateList), "", "", &id);
+		shared_blocks[2] = {static_cast<char *>(ftp), sizeof(ClientTerminateList)};
+		semctl(vek_create_sem(PUREFTP_IPC_KEY, "", ""), 0, SETVAL, 1);
+	}
+	for (client &peer : clients)
+		peer.close();
+	while (user_list *session = userdb_use_list.front())
+		userdb_end_session(session);
+	while (vek_deferred_logout *parked = vek_deferred_logout_list.front())
+		vek_free_deferred_logout(parked);
+	for (const auto block : shared_blocks)
+		std::fill(block.begin(), block.end(), 0);
+	seconds_since_boot = 1000;
+	fake = fake_platform{};
+}
+
+// The input, taken off its front; past its end everything is zero.
+struct input {
+	bytes rest;
+	std::size_t past = 0;
+
+	bytes take(std::size_t size) // fewer at the end
+	{
+		const bytes taken = rest.first(std::min(size, rest.size()));
+		past += size - taken.size();
+		rest = rest.subspan(taken.size());
+		return taken;
+	}
+	std::uint8_t byte()
+	{
+		const bytes taken = take(1);
+		return taken.empty() ? 0 : taken[0];
+	}
+	void overwrite(void *to, std::size_t room)
+	{
+		const bytes value = take(byte() % (room + 1));
+		std::copy(value.begin(), value.end(), static_cast<std::uint8_t *>(to));
+	}
+};
+
+#ifdef STREAM
+
+constexpr std::size_t life = 0; // every input has a core of its own
+
+// The service or program, which may be subscribed, says everything at once.
+void step(input &in)
+{
+	dispatch(VEK_EVENT_USER_LOGIN, {.service = "ssh", .user = "alice", .unique = "1", .ip = 7});
+	dispatch(VEK_EVENT_USER_LOGIN, {.service = "http/https", .user = "alice", .unique = "2", .ip = 8});
+	vek_event bob = make_event(VEK_EVENT_USER_LOGIN, {.service = "802.1x", .user = "bob", .unique = "3"});
+	set_ip6(bob, "2001:db8::20");
+	dispatch(bob);
+	service.say(STREAM, in.rest.data(), in.rest.size());
+	dispatch(VEK_EVENT_USER_LOGIN, {.service = "ftp", .user = "eve", .unique = "4", .ip = 7});
+	dispatch(VEK_EVENT_USER_LOGOUT, {.user = "alice"});
+	service.close();
+	in.rest = {};
+}
+
+#else
+
+constexpr std::size_t life = 1 << 17; // of a core, in bytes of input
+
+// A record that names the n-th session, of some event, with some fields written over.
+vek_event take_event(input &in)
+{
+	vek_event event = make_event(in.byte());
+	if (int n = in.byte(); n > 0)
+		for (const user_list *session : userdb_use_list)
+			if (--n == 0) {
+				const user_info &of = *session->uinfo;
+				event = make_event(event.event, {of.service, of.username, of.unique, of.ip});
+				event.ip6 = of.ip6;
+			}
+	for (int fields = in.byte() % 8; fields > 0; fields--) {
+		const vek_field &field = vek_event_fields[1 + in.byte() % (std::size(vek_event_fields) - 1)];
+		in.overwrite(reinterpret_cast<char *>(&event) + field.offset, field.size);
+	}
+	return event;
+}
+
+// One of the things that happen: a byte, and what it needs behind it.
+void step(input &in)
+{
+	const int number = in.byte() % 12;
+	if (number <= 2) {
+		const vek_event event = take_event(in);
+		service.say(VEK_SOCKTYPE_NOTIFY, &event, sizeof(event));
+	} else if (number <= 4) {
+		client &program = clients[1 + in.byte() % 4];
+		vek_request request{};
+		request.method = in.byte();
+		request.req_flags = in.byte();
+		in.overwrite(&request.u, sizeof(request.u));
+		program.say(VEK_SOCKTYPE_REQUEST, &request, sizeof(request));
+	} else if (number == 5) {
+		for (int ticks = in.byte(); ticks >= 0; ticks--)
+			vek_tick();
+	} else if (number == 6) {
+		for (vek_deferred_logout *parked : vek_deferred_logout_list)
+			parked->event_time -= std::min<std::uint64_t>(parked->event_time, in.byte());
+		vek_run_deferred_logouts();
+	} else if (number == 7) {
+		const std::span<char> block = shared_blocks[in.byte() % std::size(shared_blocks)];
+		std::size_t offset = in.byte();
+		offset = ((offset << 8 | in.byte()) << 2) % block.size();
+		in.overwrite(&block[offset], block.size() - offset);
+		dispatch(VEK_EVENT_CONFIG_CHANGE);
+	} else if (number == 8) {
+		fake.mode = in.byte() % 6;
+	} else if (number == 9) {
+		client &program = clients[1 + in.byte() % 4];
+		if (program.fd >= 0 && in.byte() & 1)
+			program.reads = !program.reads;
+		else
+			program.close();
+	} else if (number == 10) {
+		for (int i = 0; vek_users < VEK_MAX_USERS; i++) {
+			const std::string name = std::to_string(i);
+			vek_event login =
+			    make_event(VEK_EVENT_USER_LOGIN, {SERVICE_NAME_CAPTIVE_PORTAL, name.c_str()});
+			copy_text(login.sta_mac, name.c_str());
+			dispatch(login);
+		}
+		fake.failing_pipe = in.byte() % 4 - 1;
+		for (auto *lines : {&fake.station_macs, &fake.station_times}) {
+			const bytes line = in.take(in.byte() % 32);
+			lines->assign(in.byte(), std::string(line.begin(), line.end()));
+		}
+	} else if (vek_users < 16) {
+		print_rb_tree(0);
+		print_rb_tree_if_asked();
+	}
+}
+
+#endif
+
+} // namespace
+
+// The daemon waits for a client to read: it is the clients' turn. For one that does not read, the wait is
+// over without its time having to pass.
+extern "C" int __wrap_poll(pollfd *, nfds_t, int)
+{
+	const bool read = std::any_of(std::begin(clients), std::end(clients), std::mem_fn(&client::drain));
+	errno = EBADF;
+	return read ? 1 : -1;
+}
+
+int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+	static std::size_t lived = life;
+	static std::ofstream trail;
+	if (lived + size >= life) {
+		fresh_core();
+		lived = 0;
+		if (const char *path = std::getenv("VEK_FUZZ_TRAIL"))
+			trail = std::ofstream(path, std::ios::binary);
+	}
+	trail.write(reinterpret_cast<const char *>(data), static_cast<std::streamsize>(size)).flush();
+	input in{{data, size}};
+	while (!in.rest.empty())
+		step(in);
+	trail << std::string(in.past, '\0'); // as they were read
+	lived += size + in.past;
+	const std::string error = check_invariants();
+	require(error.empty(), error.c_str());
+	fake.logs.clear();
+	fake.commands.clear();
+	announced.clear();
+	return 0;
+}
