@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include <memory>
 #include <random>
 #include <ranges>
+#include <regex>
 #include <string_view>
 #include <tuple>
 #include <vector>
@@ -74,14 +74,8 @@ bool is_dot1x(const char *service) { return is(service, "802.1x") || is(service,
 
 bool contains_mac(const string &text)
 {
-	for (std::size_t at = 0; at + 17 <= text.size(); ++at) {
-		bool all = true;
-		for (std::size_t i = 0; i < 17; ++i)
-			all = all && (i % 3 == 2 ? text[at + i] == ':' : isxdigit(text[at + i]) != 0);
-		if (all)
-			return true;
-	}
-	return false;
+	static const std::regex mac("([0-9a-fA-F]{2}:){5}[0-9a-fA-F]{2}");
+	return std::regex_search(text, mac);
 }
 
 template <class Address> string text_of(const Address &ip)
@@ -980,8 +974,6 @@ string step(telling &told, generator &random, connection &asker, connection &sub
 	told.out = {};
 	const int status = told.handle(expected);
 	const outcome &out = told.out;
-	asker.expect(out.answer.size());
-	subscriber.expect(out.copies.size() * sizeof(vek_event));
 	announced.clear();
 	fake.logs.clear();
 	fake.commands.clear();
