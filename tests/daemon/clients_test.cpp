@@ -1,92 +1,103 @@
-// clients_test.cpp: clients that read late, slowly or never, and what that costs the others: about a second
-// of waiting, and nobody's data.
+// clients_test.cpp: clients that send what is no record, that read late, slowly or never, and what that costs
+// the others: about a second of waiting, and nobody's data.
 #include "driver.h"
 
 #include <algorithm>
-#include <atomic>
+#include <climits>
 
 namespace {
 
+using BadInput = on_device;
 using SlowClients = on_device;
 
-constexpr double ABOUT_A_SECOND = 1500 * SLOWER; // milliseconds, with what the machine adds
-
-// What came for queries for everybody: whole answers, at most the last of them short.
-void expect_answers(const std::string &stream)
+// Half a record ends a connection. On the one returned, numbers that nobody may send got no answer.
+template <class T>
+raw after_bad_numbers(vek_client *(*open)(int), T record, std::initializer_list<int> numbers)
 {
-	std::size_t at = 0;
-	const auto take = [&](auto &record) {
-		const bool whole = stream.size() - at >= sizeof(record);
-		if (whole)
-			std::memcpy(&record, stream.data() + std::exchange(at, at + sizeof(record)),
-				    sizeof(record));
-		return whole;
-	};
-	vek_event header;
-	user_info session;
-	while (take(header)) {
-		ASSERT_EQ(VEK_EVENT_QUERY_RESULT, header.event) << "at byte " << at;
-		ASSERT_NEAR(VEK_MAX_USERS, header.count, 1);
-		for (int i = 0; i < header.count && take(session); i++)
-			ASSERT_STREQ(SERVICE_NAME_HTTP_HTTPS, session.service) << "record " << i;
+	raw half(open), fed(open);
+	half.write(record, sizeof(record) - 1);
+	EXPECT_EQ("", half.read());
+	EXPECT_TRUE(half.ended());
+	for (const int number : numbers) {
+		std::memcpy(static_cast<void *>(&record), &number,
+			    sizeof(number)); // both kinds begin with it
+		fed.write(record);
 	}
+	return fed;
+}
+
+TEST_F(BadInput, RecordsThatAreNone)
+{
+	vekd.start();
+	const std::string success(sizeof(vek_response), '\0');
+	vek_event event = notice(VEK_EVENT_USER_LOGIN, SERVICE_NAME_SSH, "bob\n<25>eve\x1b[2J");
+	raw reporting = after_bad_numbers(vek_client_open_notify, event,
+					  {0, 6, 9, 12, 18, 23, 31, 33, 39, -1, INT_MIN, INT_MAX});
+	reporting.write(event);
+	EXPECT_EQ(success, reporting.read(success.size())) << "the only answer";
+	EXPECT_TRUE(logged("User bob\\x0a<25>eve\\x1b[2J ssh login.")) << "a name forges no line";
+
+	// Text without an end, a deadline in the past, and one that wraps.
+	std::memset(static_cast<void *>(&event), 'A', sizeof(event));
+	event.event = VEK_EVENT_USER_LOGIN;
+	event.type = USER_TYPE;
+	event.event_flag = 0;
+	event.define_name[0] = '\0';
+	for (int minutes : {-1, INT_MIN, INT_MAX}) {
+		event.default_lease_time = event.default_reauth_time = minutes;
+		reporting.write(event);
+		EXPECT_EQ(success, reporting.read(success.size()));
+	}
+	const std::string user(63, 'A');
+	asker ask;
+	EXPECT_EQ(3u, ask.named(user).size());
+	EXPECT_TRUE(logged("User " + user + " " + std::string(31, 'A') + " login."));
+	vekd.tick(2);
+	EXPECT_EQ(2u, ask.named(user).size()) << "the one of the past ends at once";
+
+	vek_request request{VEK_QUERY_NAME, {}, 0};
+	raw asking = after_bad_numbers(vek_client_open_request, request, {0, 7, -1, INT_MIN, INT_MAX});
+	std::memset(request.u.username, 'B', sizeof(request.u.username));
+	asking.write(request);
+	const std::string answer = asking.read(sizeof(event));
+	EXPECT_EQ(1, occurrences(answer, std::string(63, 'B') + '\0')) << "of the whole name's length";
 }
 
 TEST_F(SlowClients, AreShutDownWhileOthersAreServed)
 {
-	vekd.start({"-d"});
+	vekd.start("-d");
 	service reporter;
-	fill(reporter, VEK_MAX_USERS);
-
-	const vek_request listen = request(VEK_LISTEN), everything = request(VEK_QUERY_ALL);
-	const owned_fd stalled_subscriber = connect_to(VEK_ADDRESS_REQUEST);
-	send_bytes(stalled_subscriber, &listen, sizeof(listen));
-	std::vector<owned_fd> askers;
-	for (int i = 0; i < 4; i++) {
-		askers.push_back(connect_to(VEK_ADDRESS_REQUEST));
-		for (int j = 0; j < 4; j++)
-			send_bytes(askers.back(), &everything, sizeof(everything));
+	reporter.fill(VEK_MAX_USERS);
+	std::vector<raw> slow; // a subscriber and four who ask for everything
+	for (int method : {VEK_LISTEN, VEK_QUERY_ALL, VEK_QUERY_ALL, VEK_QUERY_ALL, VEK_QUERY_ALL}) {
+		slow.emplace_back(vek_client_open_request);
+		for (int i = 0; i < (method == VEK_LISTEN ? 1 : 4); i++)
+			slow.back().write(vek_request{method, {}, 0});
 	}
-	// Three of the askers read, a little at a time.
-	std::atomic<bool> over = false;
-	std::vector<std::string> dripped(3);
-	std::vector<std::thread> readers;
-	for (std::size_t i = 0; i < dripped.size(); i++)
-		readers.emplace_back([&, i] {
-			char part[4096];
-			for (ssize_t got; !over && (got = recv(askers[i], part, sizeof(part), 0)) > 0;) {
-				dripped[i].append(part, static_cast<std::size_t>(got));
-				std::this_thread::sleep_for(10ms);
-			}
+	// Three of them read, a little at a time.
+	std::vector<std::jthread> readers;
+	for (std::size_t i = 1; i < 4; i++)
+		readers.emplace_back([&, i](const std::stop_token &over) {
+			for (; !over.stop_requested() && !slow[i].ended(); std::this_thread::sleep_for(10ms))
+				slow[i].read(4096);
 		});
-
 	latencies waits;
 	asker ask;
-	const auto start = steady::now();
-	const auto all_ended = [&] {
-		return ended_by_daemon(stalled_subscriber) && std::ranges::all_of(askers, ended_by_daemon);
+	const auto report = [&](int number) {
+		const vek_event event = notice(number, SERVICE_NAME_HTTP_HTTPS, "1");
+		return waits.measure([&] { return reporter.report(event); });
 	};
-	while (!all_ended() && ms_since(start) < 1000 * LIMIT / 1s) {
-		const auto u0001 = [&](int number) {
-			return waits.measure([&] {
-				return reporter.report(notice(number, SERVICE_NAME_HTTP_HTTPS, "u0001"));
-			});
-		};
-		ASSERT_EQ(0, u0001(VEK_EVENT_USER_LOGOUT));
-		ASSERT_EQ(VEK_MAX_USERS - 1, waits.measure([&] { return ask.count(); }));
-		ASSERT_EQ(0, u0001(VEK_EVENT_USER_LOGIN));
-	}
-	EXPECT_TRUE(all_ended());
+	EXPECT_TRUE(eventually([&] {
+		EXPECT_EQ(0, report(VEK_EVENT_USER_LOGOUT));
+		EXPECT_EQ(VEK_MAX_USERS - 1, waits.measure([&] { return ask.count(); }));
+		EXPECT_EQ(0, report(VEK_EVENT_USER_LOGIN));
+		return std::ranges::all_of(slow, &raw::ended);
+	}));
 	waits.print("beside stalled clients");
-	EXPECT_LT(waits.worst(), ABOUT_A_SECOND);
-	over = true;
-	for (std::thread &reader : readers)
-		reader.join();
-	for (std::size_t i = 0; i < askers.size(); i++)
-		expect_answers((i < dripped.size() ? dripped[i] : "") + read_to_end(askers[i]));
-	EXPECT_EQ(0u, read_to_end(stalled_subscriber).size() % sizeof(vek_event)) << "a copy came in part";
-
-	EXPECT_EQ(5, occurrences(vekd.output(), "shut down request connection")) << "each said once";
+	EXPECT_LT(waits.percentile(1), 1500 * SLOWER);
+	readers.clear();
+	EXPECT_EQ(5, vekd.said("shut down request connection")) << "each said once";
+	EXPECT_EQ(0u, slow[0].read().size() % sizeof(vek_event)) << "a copy came in part";
 }
 
 TEST_F(SlowClients, BurstArrivesAtALateReader)
@@ -95,44 +106,34 @@ TEST_F(SlowClients, BurstArrivesAtALateReader)
 	vekd.start();
 	service reporter;
 	subscriber copies;
-	for (int i = 0; i < BURST; i++)
+	for (int i = 0; i < BURST; i++) {
 		ASSERT_EQ(0, reporter.login(SERVICE_NAME_HTTP_HTTPS, "crowd", std::to_string(i)));
-	for (int i = 0; i < BURST; i++)
 		copies.next();
+	}
 	// All of them in one dispatch. The reader wakes up in the middle of it.
-	std::thread late([&] {
+	std::jthread late([&] {
 		eventually([&] { return copies.pending(); });
 		std::this_thread::sleep_for(200ms);
 		for (int i = 0; i < BURST; i++)
 			EXPECT_EQ(std::to_string(i), copies.next().unique);
 	});
 	EXPECT_EQ(1, reporter.report(notice(VEK_EVENT_WEB_USER_LOGOUT, "", "crowd")));
-	late.join();
-	EXPECT_FALSE(copies.pending());
 }
 
 TEST_F(SlowClients, NobodyInheritsASubscription)
 {
 	vekd.start();
-	service reporter;
-	const vek_request listen = request(VEK_LISTEN);
 	{
-		const owned_fd twice = connect_to(VEK_ADDRESS_REQUEST);
+		raw twice(vek_client_open_request);
 		for (int i = 0; i < 2; i++)
-			send_bytes(twice, &listen, sizeof(listen));
+			twice.write(vek_request{VEK_LISTEN, {}, 0});
 		vekd.settle(4); // it is accepted, and read twice
-		reporter.login(SERVICE_NAME_HTTP_HTTPS, "bob");
-		vek_event copy[3];
-		EXPECT_EQ(static_cast<ssize_t>(2 * sizeof(vek_event)),
-			  recv(twice, copy, sizeof(copy), MSG_DONTWAIT));
 	}
 	vekd.settle(); // its end is read: the next connection gets its descriptor
 	asker heir;
-	heir.count();
-	EXPECT_EQ(0, reporter.logout(SERVICE_NAME_HTTP_HTTPS, "bob"));
-	char byte;
-	EXPECT_EQ(-1, recv(heir.fd(), &byte, 1, MSG_DONTWAIT)) << "a copy that nobody asked for";
 	EXPECT_EQ(0, heir.count());
+	service().login(SERVICE_NAME_HTTP_HTTPS, "bob");
+	EXPECT_EQ(1, heir.count()) << "behind a copy that nobody asked for";
 }
 
 } // namespace

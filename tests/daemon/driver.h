@@ -1,25 +1,24 @@
-// driver.h: what a run against the real daemon needs: starting and ending it, ticks, its clients, a reader of
-// the system log, and stand-ins for what it finds on a device. Only inside scripts/sandbox: everything here
-// sits at the real paths. What cannot be set up is thrown as std::runtime_error; what the daemon does is
-// judged by the callers. Whatever waits here waits for a condition, at most LIMIT.
+// driver.h: what a run against the real daemon needs: starting and ending it, ticks, its clients, the system
+// log, and stand-ins for what it finds on a device. Only inside scripts/sandbox: everything here sits at the
+// real paths. What cannot be set up is thrown as std::runtime_error; what the daemon does is judged by the
+// callers. Whatever waits here waits for a condition, at most LIMIT.
 #ifndef DRIVER_H
 #define DRIVER_H
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/mount.h>
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -28,7 +27,6 @@
 #include "vek_client.h"
 
 using namespace std::chrono_literals;
-using std::chrono::milliseconds;
 using steady = std::chrono::steady_clock;
 
 #ifdef VEK_SANITIZED
@@ -36,106 +34,71 @@ inline constexpr int SLOWER = 4; // than the release build, where a time is meas
 #else
 inline constexpr int SLOWER = 1;
 #endif
-inline constexpr milliseconds LIMIT = 10s;
+inline constexpr std::chrono::milliseconds LIMIT = 10s;
 inline const std::string SCRATCH = "/run/drive/"; // not in /tmp, which some runs make unusable
+inline const std::string PLATFORM = "/etc/vekd/platform.conf";
 
 int checked(int result, const std::string &what); // throws, with errno, below zero
-bool eventually(const std::function<bool()> &condition, milliseconds limit = LIMIT);
-double ms_since(steady::time_point start);
-// A whole number from the environment, for runs that are also tools.
-int setting(const char *name, int otherwise);
+bool eventually(const std::function<bool()> &condition, std::chrono::milliseconds limit = LIMIT);
+inline double ms_since(steady::time_point start)
+{
+	return std::chrono::duration<double, std::milli>(steady::now() - start).count();
+}
+// From the environment, for runs that are also tools.
+inline int setting(const char *name, int otherwise)
+{
+	const char *text = std::getenv(name);
+	return text != nullptr ? std::atoi(text) : otherwise;
+}
 
 // ---- files ----
 
 void write_file(const std::string &path, const std::string &text, mode_t mode = 0644);
 std::string read_file(const std::string &path); // empty when it is not there
-bool exists(const std::string &path);
+inline bool exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
 int occurrences(const std::string &text, const std::string &of);
+// A shell script in a program's place, until the test ends.
+inline void stand_in(const std::string &program, const std::string &script)
+{
+	write_file(program, "#!/bin/sh\n" + script, 0755);
+}
 
-class owned_fd {
+// A System V segment: one that is there, or with IPC_CREAT one of ours, removed at the end.
+template <class T> class shared {
 public:
-	explicit owned_fd(int fd = -1) : fd_(fd) {}
-	owned_fd(owned_fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-	owned_fd &operator=(owned_fd &&other) noexcept
-	{
-		std::swap(fd_, other.fd_);
-		return *this;
-	}
-	~owned_fd() { fd_ >= 0 ? close(fd_) : 0; }
-	operator int() const { return fd_; }
-
-private:
-	int fd_;
-};
-
-// ---- what the daemon finds on a device ----
-
-// Something mounted over a path until the end of the scope: a file, or a file system of memory.
-class mounted {
-public:
-	mounted(const std::string &source, std::string target, unsigned long flags = MS_BIND,
-		const char *options = "")
-	    : target_(std::move(target))
-	{
-		checked(mount(source.c_str(), target_.c_str(), "tmpfs", flags, options),
-			"mount over " + target_);
-	}
-	mounted(const mounted &) = delete;
-	~mounted() { umount2(target_.c_str(), MNT_DETACH); }
-
-private:
-	const std::string target_;
-};
-
-// A shell script in a program's place, until the test ends. /bin/ps is looked for in SCRATCH "bin" too.
-void stand_in(const std::string &program, const std::string &script);
-
-// The system's uptime, standing still at what it was set to.
-class uptime_clock {
-public:
-	explicit uptime_clock(long seconds) : now_(seconds) { advance(0); }
-	void advance(long seconds);
-
-private:
-	long now_;
-	std::unique_ptr<mounted> file_;
-};
-
-// A System V segment: one that is there, or (with a size) one of ours, removed at the end.
-class shared_segment {
-public:
-	explicit shared_segment(int key, std::size_t size = 0)
-	    : id_(checked(shmget(key, size, size > 0 ? IPC_CREAT | IPC_EXCL | 0666 : 0), "shmget")),
-	      address_(shmat(id_, nullptr, 0)), ours_(size > 0)
+	explicit shared(int key, int flags = 0)
+	    : id_(checked(shmget(key, sizeof(T), flags | 0666), "shmget")), ours_(flags != 0),
+	      address_(static_cast<T *>(shmat(id_, nullptr, 0)))
 	{
 	}
-	shared_segment(const shared_segment &) = delete;
-	~shared_segment()
+	shared(const shared &) = delete;
+	~shared()
 	{
 		shmdt(address_);
 		ours_ ? shmctl(id_, IPC_RMID, nullptr) : 0;
 	}
-	template <class T> T *as() const { return static_cast<T *>(address_); }
-	int id() const { return id_; }
+	T *operator->() const { return address_; }
 
 private:
 	int id_;
-	void *address_;
 	bool ours_;
+	T *address_;
 };
-inline bool segment_exists(int key) { return shmget(key, 0, 0) >= 0; }
 
 // ---- processes ----
 
 // Alive, which a zombie is not. One that was left to us is reaped.
 bool alive(pid_t pid);
-int descriptors(pid_t pid);
+inline int descriptors(pid_t pid)
+{
+	const std::filesystem::directory_iterator fds("/proc/" + std::to_string(pid) + "/fd");
+	return static_cast<int>(std::distance(begin(fds), end(fds)));
+}
 
 // A child of ours, ended with the scope.
 class process {
 public:
-	process(); // one that only sleeps
-	explicit process(const std::function<void()> &body);
+	explicit process(const std::function<void()> &body = [] { pause(); });
 	process(process &&other) noexcept : pid_(std::exchange(other.pid_, -1)) {}
 	~process();
 	pid_t pid() const { return pid_; }
@@ -144,30 +107,25 @@ public:
 private:
 	pid_t pid_;
 };
-// Runs the body as a user without rights; null when this sandbox has no second user.
-std::unique_ptr<process> as_nobody(const std::function<void()> &body);
 
-// ---- records ----
+// ---- clients ----
 
 template <std::size_t N> void set_text(char (&field)[N], const std::string &text)
 {
 	std::memset(field, 0, N);
 	std::memcpy(field, text.data(), std::min(text.size(), N - 1));
 }
-inline std::uint32_t ip4(const char *text) { return inet_addr(text); }
-in6_addr ip6(const char *text);
-
 // Of a user, by both names.
 vek_event notice(int number, const std::string &service, const std::string &user,
 		 const std::string &unique = "", std::uint32_t ip = 0);
 
-// ---- clients ----
-
-struct client_closer {
-	void operator()(vek_client *client) const { vek_client_close(client); }
-};
-using client = std::unique_ptr<vek_client, client_closer>;
-client opened(vek_client *(*open)(int));
+using client = std::shared_ptr<vek_client>;
+inline client opened(vek_client *(*open)(int))
+{
+	client connection(open(static_cast<int>(LIMIT.count())), vek_client_close);
+	checked(connection != nullptr ? 0 : -1, "connect to the daemon");
+	return connection;
+}
 
 class service {
 public:
@@ -183,35 +141,36 @@ public:
 	{
 		return report(notice(VEK_EVENT_USER_LOGOUT, keys...));
 	}
+	void fill(int sessions) // of users "0", "1", ... of the web interface
+	{
+		for (int i = 0; i < sessions; i++)
+			ASSERT_EQ(0, login(SERVICE_NAME_HTTP_HTTPS, std::to_string(i)));
+	}
 
 private:
 	client client_ = opened(vek_client_open_notify);
 };
 
-using sessions = std::vector<user_info>;
-
 class asker {
 public:
 	int count() { return checked(vek_client_count(client_.get()), "count"); }
-	sessions all() { return query(vek_client_query_all); }
-	sessions named(const std::string &user) { return query(vek_client_query_name, user.c_str()); }
-	user_info only(const std::string &user); // throws unless there is just one
-	sessions at(std::uint32_t ip) { return query(vek_client_query_ip, ip); }
-	sessions at(const in6_addr &ip) { return query(vek_client_query_ip6, &ip); }
-	sessions first_at(std::uint32_t ip) { return query(vek_client_query_ip_first, ip); }
-	int fd() const { return vek_client_fd(client_.get()); }
-
-private:
-	template <class F, class... Keys> sessions query(F ask, Keys... keys)
+	// By one of the client library's calls.
+	template <class F, class... Keys> std::vector<user_info> query(F ask, Keys... keys)
 	{
-		sessions found;
-		const auto collect = [](const user_info *session, void *into) {
-			static_cast<sessions *>(into)->push_back(*session);
+		std::vector<user_info> found(VEK_MAX_USERS);
+		user_info *end = found.data();
+		const auto store = [](const user_info *session, void *into) {
+			*(*static_cast<user_info **>(into))++ = *session;
 			return 0;
 		};
-		checked(ask(client_.get(), keys..., collect, &found), "query");
+		found.resize(
+		    static_cast<std::size_t>(checked(ask(client_.get(), keys..., store, &end), "query")));
 		return found;
 	}
+	auto all() { return query(vek_client_query_all); }
+	auto named(const std::string &user) { return query(vek_client_query_name, user.c_str()); }
+
+private:
 	client client_ = opened(vek_client_open_request);
 };
 
@@ -235,54 +194,51 @@ private:
 	client client_ = opened(vek_client_open_request);
 };
 
-// A connection for records that the client library would not send.
-owned_fd connect_to(const char *address);
-inline void send_bytes(int fd, const void *bytes, std::size_t size) // as much as goes out at once
-{
-	[[maybe_unused]] const ssize_t sent = send(fd, bytes, size, MSG_NOSIGNAL | MSG_DONTWAIT);
-}
-bool ended_by_daemon(int fd); // what it sent before need not be read
-std::string read_to_end(int fd);
-inline vek_request request(int method) { return {method, {}, 0}; }
+// A connection for what the client library would not do.
+class raw {
+public:
+	explicit raw(vek_client *(*open)(int)) : client_(opened(open)) {}
+	template <class T> void write(const T &record, std::size_t size = sizeof(T)) // if there is room
+	{
+		[[maybe_unused]] const ssize_t sent = send(fd(), &record, size, MSG_NOSIGNAL | MSG_DONTWAIT);
+	}
+	std::string read(std::size_t most = SIZE_MAX); // waits for so much, or for the daemon to end it
+	bool ended()                                   // by the daemon, even if what it sent is unread
+	{
+		pollfd end{fd(), POLLRDHUP, 0};
+		return poll(&end, 1, 0) > 0;
+	}
+
+private:
+	int fd() const { return vek_client_fd(client_.get()); }
+	client client_;
+};
 
 // How long calls took.
 class latencies {
 public:
 	template <class F> auto measure(F call)
 	{
-		struct stop {
-			latencies *self;
-			steady::time_point start = steady::now();
-			~stop() { self->ms_.push_back(ms_since(start)); }
-		} stop{this};
-		return call();
+		const auto start = steady::now();
+		auto result = call();
+		ms_.push_back(ms_since(start));
+		return result;
 	}
-	double percentile(double part) const;
-	double worst() const { return percentile(1); }
-	void print(const char *what) const;
+	double percentile(double part)
+	{
+		std::ranges::sort(ms_);
+		return ms_.empty()
+			   ? 0
+			   : ms_[static_cast<std::size_t>(part * static_cast<double>(ms_.size() - 1))];
+	}
+	void print(const char *what)
+	{
+		std::printf("%s: %zu calls, median %.2f ms, p99 %.2f ms, worst %.2f ms\n", what, ms_.size(),
+			    percentile(0.5), percentile(0.99), percentile(1));
+	}
 
 private:
 	std::vector<double> ms_;
-};
-
-// ---- the system log ----
-
-owned_fd log_socket(); // at /dev/log
-
-class system_log {
-public:
-	system_log();
-	~system_log();
-	// A line of exactly this text at this priority (facility included) has come.
-	bool has(const std::string &text, int priority = 29);
-	std::vector<std::string> lines(); // all that were written before this call: "<priority>text"
-	void clear();
-
-private:
-	owned_fd socket_ = log_socket();
-	std::mutex mutex_;
-	std::vector<std::string> lines_;
-	std::jthread reader_;
 };
 
 // ---- the daemon ----
@@ -293,19 +249,15 @@ public:
 	~daemon_process() { pid_ > 0 ? kill(pid_, SIGKILL) : 0; }
 	daemon_process(const daemon_process &) = delete;
 
-	using words = std::vector<std::string>;
 	// Until it answers. It then gets a common priority, so that what else runs here decides nothing.
-	void start(const words &arguments = {}, const words &environment = {});
-	int niceness() const { return niceness_; } // that it gave itself
-	// A start that ends at once: its status; what it printed is in output().
-	int run(const words &arguments = {})
-	{
-		spawn(arguments, {});
-		return status_of_end();
-	}
+	void start(const std::string &option = "");
+	// A start that ends at once: its status; what it printed is in output(). Or one that is left to
+	// itself.
+	int run(const std::string &option = "", bool aside = false);
+	int stop(int with = SIGTERM); // the status
 	pid_t pid() const { return pid_; }
 	void signal(int number) const { checked(kill(pid_, number), "kill"); }
-	// One second of the daemon's time each. Its own timer ticks beside it.
+	// One second of the daemon's time each. Its own timer ticks beside it, and may swallow one.
 	void tick(int seconds = 1)
 	{
 		for (; seconds > 0; seconds--, settle())
@@ -318,39 +270,39 @@ public:
 		while (passes-- > 0)
 			own_->count();
 	}
-	int stop(int with = SIGTERM) // the status
-	{
-		own_.reset();
-		signal(with);
-		return status_of_end();
-	}
-	void kill_hard() { stop(SIGKILL); }
 	std::string output() const { return read_file(output_file_); } // of the latest start
-	bool said(const std::string &text) const { return occurrences(output(), text) > 0; }
+	int said(const std::string &text) const { return occurrences(output(), text); }
 
 private:
-	void spawn(const words &arguments, const words &environment);
-	int status_of_end();
-
 	pid_t pid_ = -1;
-	int niceness_ = 0;
 	std::string output_file_;
 	std::unique_ptr<asker> own_;
 };
 
 // ---- a test on a device of its own ----
 
-// A log reader, a daemon to start, and the check that nothing is left of it.
+// A clock that stands still at an uptime, a reader of the system log, a daemon to start, and the check that
+// nothing is left of it.
 class on_device : public testing::Test {
 protected:
+	static constexpr long MORNING = 100000; // the uptime when a test begins
+
 	on_device();
 	void TearDown() override;
+	void advance(long seconds);
+	static bool segments_exist() // any of the daemon's
+	{
+		return shmget(USER_CONFIG_IPC_KEY, 0, 0) >= 0 || shmget(USER_LOCK_IPC_KEY, 0, 0) >= 0;
+	}
+	// A line of exactly this text at this priority (facility included) has come.
+	static bool logged(const std::string &text, int priority = 29);
+	static std::string log_lines() { return read_file(SCRATCH + "log"); } // each as "<priority>text"
 
-	void platform(const std::string &settings); // counts at once
-	void fill(service &reporter, int sessions); // "u0000", "u0001", ... of the web interface
-
-	std::optional<system_log> log{std::in_place};
+	std::unique_ptr<process> log_reader;
 	daemon_process vekd;
+
+private:
+	long now_ = MORNING;
 };
 
 #endif
