@@ -2,8 +2,9 @@
 // logouts, and every write to a client.
 //
 // Waiting for clients is bounded. A client that does not take what it is sent is waited for, for at most
-// about one second per pass of the main loop over all such clients together, and is then shut down; its end
-// is read and cleaned up in a later pass. Nothing closes or frees a connection inside a dispatch.
+// half a second per pass of the main loop over all services of user 0 together, and as long over all others,
+// and is then shut down; its end is read and cleaned up in a later pass. Nothing closes or frees a connection
+// inside a dispatch.
 #ifndef ENDPOINT_H
 #define ENDPOINT_H
 
