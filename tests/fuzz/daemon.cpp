@@ -4,19 +4,19 @@
 // requests, subscribers that read or do not, ticks, parked logouts, changes of the mode and of the shared
 // blocks, a full pool. Its core lives on from input to input, and inputs put one behind the other are one
 // input: the file that VEK_FUZZ_TRAIL names always holds what led to the present state, to be replayed.
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/sem.h>
-#include <sys/shm.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
-#include <functional>
 
 #include "core.h"
 #include "init.h"
+#include "listener.h"
 #include "misc.h"
 #include "rbtree.h"
 #include "target.h"
@@ -247,7 +247,7 @@ void step(input &in)
 // over without its time having to pass.
 extern "C" int __wrap_poll(pollfd *, nfds_t, int)
 {
-	const bool read = std::any_of(std::begin(clients), std::end(clients), std::mem_fn(&client::drain));
+	const bool read = std::ranges::any_of(clients, &client::drain);
 	errno = EBADF;
 	return read ? 1 : -1;
 }
@@ -270,6 +270,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 	lived += size + in.past;
 	const std::string error = check_invariants();
 	require(error.empty(), error.c_str());
+	for (const vek_listener *listener : vek_listener_list)
+		require(fcntl(listener->fd, F_GETFD) >= 0, "a subscription outlives its client");
 	fake.logs.clear();
 	fake.commands.clear();
 	announced.clear();

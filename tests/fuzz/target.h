@@ -3,7 +3,6 @@
 #ifndef TARGET_H
 #define TARGET_H
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
