@@ -57,6 +57,18 @@ void never_read(int method)
 		one.write(vek_request{method, {}, 0});
 }
 
+// Asks for everything and reads it all, just before it would be given up, with the next request sent already.
+void read_late()
+{
+	const std::size_t all = sizeof(vek_event) + 1000 * sizeof(user_info);
+	const vek_request request{VEK_QUERY_ALL, {}, 0};
+	raw one(vek_client_open_request);
+	for (one.write(request); !one.ended(); one.read(all)) {
+		one.write(request);
+		std::this_thread::sleep_for(450ms);
+	}
+}
+
 void be_hostile()
 {
 	const std::size_t silent = become_nobody() ? PLACES : PLACES / 2; // for user 0, places are left free
@@ -65,7 +77,8 @@ void be_hostile()
 						 {send_halves},
 						 {flood_unknown_numbers},
 						 {[] { never_read(VEK_QUERY_ALL); }},
-						 {[] { never_read(VEK_QUERY_ALL); }},
+						 {read_late},
+						 {read_late},
 						 {[] { never_read(VEK_LISTEN); }}})
 		threads.emplace_back([way] {
 			for (;;)
@@ -106,6 +119,7 @@ TEST_F(Hostile, NobodyHoldsAServiceUp)
 		ASSERT_EQ(0, report(VEK_EVENT_USER_LOGIN));
 		ASSERT_EQ(user, waits.measure([&] { return ask->named(user); }).at(0).unique);
 		ASSERT_EQ(1001, waits.measure([&] { return ask->count(); }));
+		ASSERT_EQ(1001u, waits.measure([&] { return ask->all(); }).size());
 		ASSERT_EQ(0, report(VEK_EVENT_USER_LOGOUT));
 		ASSERT_EQ(1, report(VEK_EVENT_USER_LOGOUT));
 		ASSERT_TRUE(waits.measure([&] { return ask->named(user); }).empty());
@@ -120,6 +134,27 @@ TEST_F(Hostile, NobodyHoldsAServiceUp)
 		vekd.settle();
 		return descriptors(vekd.pid()) < 16;
 	})) << "something of them stays";
+}
+
+TEST_F(Hostile, LateReadersPutNobodyOff)
+{
+	vekd.start();
+	service().fill(1000);
+	vekd.settle(); // that connection's end is read
+	const int before = descriptors(vekd.pid());
+	const process late([] {
+		for (;;)
+			try {
+				read_late();
+			} catch (const std::exception &) {
+			}
+	});
+	ASSERT_TRUE(eventually([&] { return descriptors(vekd.pid()) > before; })); // its turn is the first
+	asker ask;
+	latencies waits;
+	for (const auto start = steady::now(); ms_since(start) < 2000;)
+		ASSERT_EQ(1000u, waits.measure([&] { return ask.all(); }).size());
+	EXPECT_LT(waits.percentile(1), 1500 * SLOWER);
 }
 
 TEST_F(Hostile, SilentConnectionsShutServicesOutOnlyOfTheirKind)

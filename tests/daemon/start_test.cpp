@@ -3,6 +3,7 @@
 // many kills (20); RESTART_SEED: another run of the same.
 #include "driver.h"
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <random>
@@ -36,6 +37,39 @@ TEST_F(StartUp, ObstaclesEndItAndTouchNobodysBlocks)
 		EXPECT_TRUE(vekd.output().ends_with(message)) << vekd.output();
 		EXPECT_EQ(77, shared<user_lock>(USER_LOCK_IPC_KEY)->attempt_count);
 		ASSERT_EQ(0, rmdir(path));
+	}
+}
+
+TEST_F(StartUp, NeedsAPidFile)
+{
+	for (unsigned long flags : {0ul, 0ul | MS_RDONLY}) {
+		checked(mount("tmpfs", "/var/run", "tmpfs", flags, "size=4k"), "mount");
+		std::ignore = system("yes 2>&1 >/var/run/filler");
+		EXPECT_EQ(255, vekd.run("-d"));
+		EXPECT_FALSE(exists(VEK_PID_FILE));
+		EXPECT_FALSE(segments_exist());
+		umount2("/var/run", MNT_DETACH);
+	}
+}
+
+// Whatever they inherit. A second one would be found when the test ends.
+TEST_F(StartUp, OneOfTwoStartsAtOnceServes)
+{
+	sigset_t blocked;
+	sigemptyset(&blocked);
+	for (int number : {SIGTERM, SIGALRM})
+		sigaddset(&blocked, number);
+	for (int i = 0; i < 10; i++) {
+		process two([&] {
+			sigprocmask(SIG_BLOCK, &blocked, nullptr);
+			_exit(system("exec <&- >&- 2>&-; $VEKD & $VEKD & wait"));
+		});
+		two.status();
+		ASSERT_EQ(0, service().login(SERVICE_NAME_SSH, "bob"));
+		ASSERT_EQ(1, asker().count());
+		const pid_t pid = std::atoi(read_file(VEK_PID_FILE).c_str());
+		kill(pid, SIGTERM);
+		ASSERT_TRUE(eventually([&] { return !alive(pid); }));
 	}
 }
 
