@@ -118,41 +118,27 @@ struct Fault : testing::Test {
 
 } // namespace
 
-TEST_F(Fault, LoginIsWholeOrRefused)
+TEST_F(Fault, LoginIsWholeOrRefusedAndAlwaysEnds)
 {
 	fake.mode = WHOPMODE_CLOUD;
 	dispatch(VEK_EVENT_USER_LOGIN, {"ssh", "bob", "2", 8}); // the indexes are not empty
-	int result = 0;
-	const auto log_in = [&] { result = dispatch(VEK_EVENT_USER_LOGIN, ALICE); };
-	exhaust(
-	    NO_MEMORY, [] { announced.clear(); }, log_in,
-	    [&](bool failed) {
-		    clean();
-		    EXPECT_TRUE(failed || result == 0);
-		    EXPECT_EQ(result == 0, session_of("1") != nullptr);
-		    EXPECT_EQ(result == 0, announced.size() == 1)
-			<< "nobody hears of a login that was refused";
-		    dispatch(VEK_EVENT_USER_LOGOUT, ALICE);
-		    EXPECT_EQ("bob@ssh#2", sessions());
-	    });
-}
-
-// A session can always end.
-TEST_F(Fault, LogoutAndTimeOutNeedNoMemory)
-{
-	for (const int ending : {VEK_EVENT_USER_LOGOUT, VEK_EVENT_WEB_USER_LOGOUT, VEK_EVENT_TIMER_SECOND}) {
-		vek_event login = make_event(VEK_EVENT_USER_LOGIN, ALICE);
-		login.session_timeout = 60;
-		for (const char *key : {"1", "2", "3"}) {
-			copy_text(login.unique, key);
-			EXPECT_EQ(0, dispatch(login));
-		}
-		seconds_since_boot += 60;
-		inject(NO_MEMORY, 1);
-		dispatch(ending, ending == VEK_EVENT_TIMER_SECOND ? keys{} : keys{.user = "alice"});
-		EXPECT_FALSE(heal());
-		EXPECT_EQ("", sessions());
-		clean();
+	vek_event login = make_event(VEK_EVENT_USER_LOGIN, ALICE);
+	login.session_timeout = 60;
+	for (const int end : {VEK_EVENT_USER_LOGOUT, VEK_EVENT_WEB_USER_LOGOUT, VEK_EVENT_TIMER_SECOND}) {
+		int result = 0;
+		const auto check = [&](bool failed) {
+			clean();
+			EXPECT_TRUE(failed || result == 0);
+			EXPECT_EQ(result == 0, session_of("1") != nullptr);
+			EXPECT_EQ(result == 0, announced.size() == 1) << "nobody hears of a refusal";
+			seconds_since_boot += 60;
+			inject(NO_MEMORY, 1);
+			dispatch(end, end == VEK_EVENT_TIMER_SECOND ? keys{} : keys{.user = "alice"});
+			EXPECT_FALSE(heal()) << "a session's end needs no memory";
+			EXPECT_EQ("bob@ssh#2", sessions());
+		};
+		exhaust(
+		    NO_MEMORY, [] { announced.clear(); }, [&] { result = dispatch(login); }, check);
 	}
 }
 
