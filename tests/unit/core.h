@@ -5,6 +5,7 @@
 #define CORE_H
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "daemon.h"
@@ -44,17 +45,21 @@ std::string sessions();
 // The session of that unique key; null when there is none.
 user_info *session_of(const char *unique);
 
-// A client's connection, of which both ends are here, with room for the longest answer.
+// A client's connection, of which both ends are here.
 class connection {
 public:
 	connection();
 	~connection();
 	vek_socket *sock() { return &sock_; }
+	// Around a dispatch that writes `size` bytes here, which may be more than the kernel holds.
+	void expect(std::size_t size);
 	std::string take(); // all that was written
 
 private:
 	vek_socket sock_{};
 	int peer_ = -1;
+	std::string got_;
+	std::thread reader_;
 };
 
 // The record with what follows its texts' ends, and its padding, zero: what two equal records share.

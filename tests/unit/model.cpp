@@ -974,6 +974,8 @@ string step(telling &told, generator &random, connection &asker, connection &sub
 	told.out = {};
 	const int status = told.handle(expected);
 	const outcome &out = told.out;
+	asker.expect(out.answer.size());
+	subscriber.expect(out.copies.size() * sizeof(vek_event));
 	announced.clear();
 	fake.logs.clear();
 	fake.commands.clear();
