@@ -42,7 +42,8 @@ public:
 	// has passed; a line that is not whole by then is no line.
 	bool read_line(char *buffer, std::size_t size);
 
-	// The command did not end its output within its limit: what was read may be half of it.
+	// The command did not end its output within its limit: what was read may be half of it. After closing,
+	// also: it did not end.
 	bool timed_out() const { return timed_out_; }
 
 	void close();

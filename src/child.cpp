@@ -228,8 +228,8 @@ void vek_pipe::close()
 		::close(fd_);
 		fd_ = -1;
 		kill_group(pid_);
-	} else {
-		finish(pid_, deadline_);
+	} else if (finish(pid_, deadline_) == VEK_CHILD_STALLED) {
+		timed_out_ = true;
 	}
 	pid_ = -1;
 	release_reaper();

@@ -31,10 +31,10 @@ namespace {
 // ---- waiting for slow clients ----
 
 // Everybody waits while we wait for one client, so waiting is rationed: a pass of the main loop waits at most
-// PATIENCE_MS for services of user 0, and as long for all others. What it waited is paid for: until the
-// patience has grown back, a pass waits no longer than what is left of it, or MIN_PASS_MS. A long answer is
-// begun only with that much left. A request that comes later in a pass is put off, and has its turn before
-// the next one.
+// PATIENCE_MS for services of user 0, and as long for all others. A wait in vain is paid for, and so is every
+// one for an unprivileged client: until the patience has grown back, a pass waits no longer than what is left
+// of it, or MIN_PASS_MS. A long answer is begun only with that much left; a request that comes later in a
+// pass is put off, and has its turn before the next one.
 constexpr std::int64_t PATIENCE_MS = 500;
 constexpr std::int64_t MIN_PASS_MS = 100;
 constexpr std::int64_t REGROWTH = 4; // milliseconds until one of patience is back
@@ -57,8 +57,9 @@ public:
 	}
 	bool allows_a_long_answer() const { return left_ms_ >= MIN_PASS_MS; }
 
-	// True when the client takes bytes again within what the pass has left.
-	bool wait_for(int fd)
+	// Waits until the client takes bytes again, but no longer than the pass has left. Whether it does;
+	// `waited` is added to.
+	bool wait_for(int fd, std::int64_t *waited)
 	{
 		const std::int64_t start = now_ms();
 		const std::int64_t deadline = start + left_ms_;
@@ -72,11 +73,16 @@ public:
 			writable = result > 0;
 			now = now_ms();
 		}
-		regrow(start);
 		left_ms_ = std::max<std::int64_t>(0, deadline - now);
-		patience_ms_ = std::max<std::int64_t>(0, patience_ms_ - (now - start));
-		patience_at_ms_ = now;
+		*waited += now - start;
 		return writable;
+	}
+
+	void pay_for(std::int64_t waited)
+	{
+		regrow(now_ms() - waited);
+		patience_ms_ = std::max<std::int64_t>(0, patience_ms_ - waited);
+		patience_at_ms_ += waited;
 	}
 
 private:
@@ -463,14 +469,18 @@ ssize_t vek_send_response(int result, int fd)
 ssize_t vek_write_client(int fd, std::span<iovec> parts)
 {
 	ssize_t total = 0;
+	std::int64_t waited = 0;
 	while (!parts.empty()) {
 		ssize_t sent = send_parts(fd, parts);
 		if (sent < 0) {
 			if (errno == EINTR)
 				continue;
-			if ((errno == EAGAIN || errno == ENOBUFS) && ration_of(socket_of(fd)).wait_for(fd))
+			if ((errno == EAGAIN || errno == ENOBUFS) &&
+			    ration_of(socket_of(fd)).wait_for(fd, &waited))
 				continue;
 			const int reason = errno;
+			if (waited > 0)
+				ration_of(socket_of(fd)).pay_for(waited);
 			if (reason != EPIPE && reason != ECONNRESET)
 				cut(fd, "did not read what it asked for");
 			errno = reason;
@@ -487,6 +497,8 @@ ssize_t vek_write_client(int fd, std::span<iovec> parts)
 			part.iov_len -= static_cast<std::size_t>(sent);
 		}
 	}
+	if (waited > 0 && !is_service(socket_of(fd)))
+		of_others.pay_for(waited);
 	return total;
 }
 

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 
 #include "daemon.h"
 #include "endpoint.h"
@@ -134,15 +135,23 @@ static void adopt_surroundings()
 	sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-// From before the look for a pid file until ours is written, so that of two starts at once one gives up.
-// Where no lock can be made, the pid file decides alone.
-static bool lock_start()
+// Held from before the look for a pid file until ours is written, and while we end: of two starts at once one
+// gives up, and none takes over blocks that are about to be removed. False when somebody else holds it for
+// more than a second; where no lock can be made, the pid file decides alone.
+static bool take_start_lock()
 {
+	constexpr int TRIES = 100;
+	constexpr timespec BETWEEN{0, 10'000'000};
 	start_lock = open(START_LOCK, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-	return start_lock < 0 || flock(start_lock, LOCK_EX | LOCK_NB) == 0;
+	for (int i = 0; flock(start_lock, LOCK_EX | LOCK_NB) < 0 && errno == EWOULDBLOCK; i++) {
+		if (i == TRIES)
+			return false;
+		nanosleep(&BETWEEN, nullptr);
+	}
+	return true;
 }
 
-static void unlock_start()
+static void release_start_lock()
 {
 	if (start_lock >= 0)
 		close(start_lock);
@@ -176,7 +185,7 @@ static int start_up()
 	vek_init_event();
 	vek_init_sock_event();
 	// Before the sockets: a daemon that runs keeps its names.
-	if (!lock_start() || vek_pid_file_exists())
+	if (!take_start_lock() || vek_pid_file_exists())
 		return give_up("Another vek daemon is running\n");
 	if (vek_init_binding() < 0)
 		return give_up("Can't init vek daemon!\n");
@@ -199,7 +208,7 @@ static int start_up()
 
 	if (vek_write_pid() < 0)
 		return give_up("Can't write the pid file!\n");
-	unlock_start();
+	release_start_lock();
 	// The result may rightly be -1; a daemon with its old priority still serves.
 	if (nice(DEFAULT_VEK_NICE_VALUE) == -1)
 		errno = 0;
@@ -308,6 +317,7 @@ int vekd_main(int argc, char **argv)
 	if (start_up() < 0)
 		return -1;
 	run();
+	take_start_lock();
 	shut_down();
 	return 0;
 }

@@ -472,10 +472,13 @@ void kickout_not_in_redis_portal_user()
 		if (check_is_mac(mac) == 0 && std::strcmp(auth_time, "\n") != 0)
 			copy_text(list[entries++], mac);
 	}
-	// Half an answer would name a station that is still there.
+	const bool whole = !macs.timed_out() && !times.timed_out();
+	macs.close();
+	times.close();
 	if (macs.timed_out() || times.timed_out())
 		tool_stalled.start();
-	else
+	// Half an answer would name a station that is still there.
+	if (whole)
 		find_earlist_portal_user(rb_root, list);
 }
 
