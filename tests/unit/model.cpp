@@ -135,10 +135,9 @@ struct telling {
 
 	// ---- searches ----
 
-	// All sessions as an index holds them: keys ascending, each key's in the order of their joining.
-	std::vector<int> sorted(int index) const
+	// As an index holds them: keys ascending, each key's in the order of their joining.
+	std::vector<int> sorted(int index, std::vector<int> all) const
 	{
-		std::vector<int> all = order;
 		std::ranges::sort(all, [&](int a, int b) {
 			const user_info &x = records[a], &y = records[b];
 			const int less = index == NAME ? std::strcmp(x.username, y.username)
@@ -155,7 +154,7 @@ struct telling {
 		const int by = ip6 != nullptr ? IP6 : ip != 0 ? IP : NAME;
 		const bool by_mac = by == NAME && *name == '\0' && contains_mac(unique);
 		std::vector<int> found;
-		for (int slot : sorted(by)) {
+		for (int slot : order) {
 			const user_info &s = records[slot];
 			if ((by != IP6 || same(s.ip6, *ip6)) && (by != IP || s.ip == ip) &&
 			    (*name == '\0' || is(s.username, name)) &&
@@ -163,7 +162,7 @@ struct telling {
 			    (*unique == '\0' || is(by_mac ? s.sta_mac : s.unique, unique)))
 				found.push_back(slot);
 		}
-		return found;
+		return sorted(by, found);
 	}
 	std::vector<int> find(const vek_event &e) const
 	{
@@ -558,7 +557,7 @@ struct telling {
 			    return is(s.sta_mac, e.sta_mac) && is(s.username, e.username);
 		    }))
 			return;
-		for (int slot : sorted(IP)) {
+		for (int slot : sorted(IP, order)) {
 			user_info &s = records[slot];
 			if (is(s.username, e.username) && string(e.sta_mac).starts_with(s.sta_mac) &&
 			    is(s.ssid_profile_name, e.ssid_profile_name)) {
@@ -745,9 +744,9 @@ string compare_state(const telling &told, bool thorough)
 		return "a station too many";
 	if (!thorough)
 		return "";
-	if (slots_of<&user_list::same_name_list>(avl_username_tree) != told.sorted(NAME) ||
-	    slots_of<&user_list::same_ip_list>(avl_ip_tree) != told.sorted(IP) ||
-	    slots_of<&user_list::same_ip6_list>(avl_ip6_tree) != told.sorted(IP6))
+	if (slots_of<&user_list::same_name_list>(avl_username_tree) != told.sorted(NAME, told.order) ||
+	    slots_of<&user_list::same_ip_list>(avl_ip_tree) != told.sorted(IP, told.order) ||
+	    slots_of<&user_list::same_ip6_list>(avl_ip6_tree) != told.sorted(IP6, told.order))
 		return "order of the names, or of the IPv4 or IPv6 addresses";
 	return "";
 }
