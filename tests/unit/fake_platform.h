@@ -4,6 +4,7 @@
 #ifndef FAKE_PLATFORM_H
 #define FAKE_PLATFORM_H
 
+#include <cstdint>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -14,7 +15,7 @@
 
 struct fake_log {
 	qzlog_entry entry;
-	long flags; // wide enough that nothing is padded, so that two can be compared byte by byte
+	std::int64_t flags; // wide enough that nothing is padded, so that two can be compared byte by byte
 };
 
 struct fake_platform {
