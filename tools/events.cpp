@@ -163,10 +163,9 @@ void login(const settings &set, draft &event)
 
 } // namespace
 
-std::pair<CLI::App *, std::shared_ptr<draft>> add_event_command(CLI::App &parent, settings &set,
-								const std::string &name,
-								const std::string &description,
-								const std::string &example, draft_run run)
+std::pair<CLI::App *, std::shared_ptr<draft>>
+add_event_command(CLI::App &parent, settings &set, const std::string &name, const std::string &description,
+		  const std::string &example, const draft_run &run)
 {
 	auto event = std::make_shared<draft>();
 	CLI::App *command = add_command(parent, set, name, description, example, [event, run] {

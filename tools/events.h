@@ -20,10 +20,9 @@ struct draft {
 using draft_run = std::function<void(draft &)>;
 
 // A command with an option for every field of the record that a client fills in.
-std::pair<CLI::App *, std::shared_ptr<draft>> add_event_command(CLI::App &parent, settings &set,
-								const std::string &name,
-								const std::string &description,
-								const std::string &example, draft_run run);
+std::pair<CLI::App *, std::shared_ptr<draft>>
+add_event_command(CLI::App &parent, settings &set, const std::string &name, const std::string &description,
+		  const std::string &example, const draft_run &run);
 void add_all_option(CLI::App *command, draft &event);
 
 // Fails when none of the search keys is given, unless the event is meant for everybody.

@@ -81,7 +81,8 @@ int run(int argc, char **argv)
 } // namespace
 
 CLI::App *add_command(CLI::App &parent, settings &set, const std::string &name,
-		      const std::string &description, const std::string &example, std::function<void()> run)
+		      const std::string &description, const std::string &example,
+		      const std::function<void()> &run)
 {
 	CLI::App *command = parent.add_subcommand(name, description);
 	command->footer("Example: " + example);

@@ -42,7 +42,8 @@ struct settings {
 
 // A command with the options that all have, an example in its help and what it runs.
 CLI::App *add_command(CLI::App &parent, settings &set, const std::string &name,
-		      const std::string &description, const std::string &example, std::function<void()> run);
+		      const std::string &description, const std::string &example,
+		      const std::function<void()> &run);
 
 void add_session_commands(CLI::App &app, settings &set); // list, show, count, stats
 void add_event_commands(CLI::App &app, settings &set);   // login, logout, web-logout, revoke, report
