@@ -251,7 +251,7 @@ int main(int argc, char **argv)
 	prctl(PR_SET_CHILD_SUBREAPER, 1);
 	setenv("ASAN_OPTIONS", ("log_path=" + SCRATCH + "report").c_str(), 1);
 	setenv("UBSAN_OPTIONS", ("print_stacktrace=1:log_path=" + SCRATCH + "report").c_str(), 1);
-	for (const char *path : {"/bin/ps", "/proc/uptime"}) {
+	for (const char *path : {"/bin/ps", "/proc/uptime", "/proc/consoles"}) {
 		const std::string ours = "/run/" + std::string(basename(path));
 		write_file(ours, "");
 		checked(mount(ours.c_str(), path, nullptr, MS_BIND, nullptr), path);

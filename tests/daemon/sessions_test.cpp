@@ -130,11 +130,13 @@ TEST_F(Day, SessionsEndWithTheirProcesses)
 	stand_in("/util/suexec", "exec \"$@\"\n");
 	stand_in("/usr/local/bin/qzsh", "echo \"$@\" >>" + SCRATCH + "commands\n");
 	// Some of those have a terminal whose number begins like another's, or are not its shell.
-	const process ftp, ssh, telnet, bystanders[4];
+	const process ftp, ssh, telnet, dialin, console, bystanders[4];
+	write_file("/proc/consoles", "netcon -W- (E p) 9:9\nttyX0 -W- (EC p a)    204:65\n");
 	stand_in("/bin/ps", "cat <<end\nPID TT COMMAND\n" + std::to_string(bystanders[0].pid()) +
 				" 136,22 -qzsh\n" + std::to_string(bystanders[1].pid()) +
 				" 136,1 /usr/bin/vi\n" + std::to_string(telnet.pid()) + " 136,1 -qzsh\n" +
-				std::to_string(ssh.pid()) + " 136,2 -qzsh\nend\n");
+				std::to_string(ssh.pid()) + " 136,2 -qzsh\n" + std::to_string(dialin.pid()) +
+				" 136,3 -qzsh\n" + std::to_string(console.pid()) + " 204,65 -qzsh\nend\n");
 	const shared<ClientTerminateList> clients(PUREFTP_IPC_SHM_KEY, IPC_CREAT);
 	const int lock = checked(semget(PUREFTP_IPC_KEY, 1, IPC_CREAT | 0666), "semget");
 	semctl(lock, 0, SETVAL, 1);
@@ -155,6 +157,12 @@ TEST_F(Day, SessionsEndWithTheirProcesses)
 	login.idle_timeout = 60;
 	EXPECT_EQ(0, reporter.report(login));
 	copies.next(), copies.next();
+	reporter.login(SERVICE_NAME_CONSOLE, "console", "console");
+	reporter.login(SERVICE_NAME_DIALIN, "dialin", "/dev/pts/3");
+	for (const char *service : {SERVICE_NAME_CONSOLE, SERVICE_NAME_DIALIN}) {
+		EXPECT_EQ(0, reporter.logout(service, service));
+		copies.next(), copies.next();
+	}
 	vekd.tick(30);
 	EXPECT_FALSE(copies.pending());
 	vekd.tick(30 + 22); // idle sessions are looked for on every eleventh tick only
@@ -171,7 +179,7 @@ TEST_F(Day, SessionsEndWithTheirProcesses)
 	EXPECT_EQ(0, reporter.report(update));
 	EXPECT_EQ(0, reporter.logout(SERVICE_NAME_SSH, "alice"));
 	EXPECT_EQ("-p 100 -e sshcon disable\n", read_file(SCRATCH + "commands"));
-	for (const process *ended : {&telnet, &ftp, &ssh})
+	for (const process *ended : {&telnet, &ftp, &ssh, &dialin, &console})
 		EXPECT_TRUE(eventually([&] { return !alive(ended->pid()); }));
 	for (const process &bystander : bystanders)
 		EXPECT_TRUE(alive(bystander.pid()));

@@ -1,5 +1,5 @@
 // dispatch_test.cpp: how work reaches its handlers: the select loop, with what callbacks may do to the pass
-// they run in, and the clock. The order of the handlers is the model's.
+// they run in, and the clock; and what log messages do that events do not make. The rest is the model's.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <csignal>
 #include <functional>
 #include <utility>
 #include <vector>
@@ -15,6 +14,7 @@
 #include "core.h"
 #include "sock_event.h"
 #include "vek_event.h"
+#include "veklog.h"
 
 namespace {
 
@@ -58,25 +58,14 @@ struct SockEvent : testing::Test {
 	}
 };
 
-TEST_F(SockEvent, RejectsWhatCannotBeWatchedAndWaitsUntilASignal)
-{
-	for (int fd : {-1, 128, 1 << 30, add(a)}) { // the last is there already
-		EXPECT_EQ(-1, vek_sock_event_add_fd(fd, FD_READ, nullptr)) << fd;
-		EXPECT_EQ(fd == opened[0] ? 0 : -1, vek_sock_event_del_fd(fd)) << fd;
-		EXPECT_EQ(-1, vek_sock_event_del_fd(fd)) << fd;
-	}
-	signal(SIGALRM, [](int) {});
-	ualarm(1000, 1000);
-	EXPECT_EQ("", pass());
-	ualarm(0, 0);
-}
-
 TEST_F(SockEvent, CallsInOrderOfRegistrationUntilOneIsDeleted)
 {
 	const int first = add(a), writer = add(b, FD_WRITE);
 	add(c);
 	const int high = fcntl(first, F_DUPFD, 100);
 	EXPECT_EQ(0, vek_sock_event_add_fd(high, FD_READ, d));
+	for (int fd : {-1, 128, 1 << 30, first}) // the last is there already
+		EXPECT_EQ(-1, vek_sock_event_add_fd(fd, FD_READ, nullptr)) << fd;
 	EXPECT_EQ("rawbrcrd", pass());
 	vek_sock_event_del_fd(first); // the last one takes its place
 	EXPECT_EQ("rdwbrc", pass());
@@ -106,7 +95,7 @@ TEST_F(SockEvent, WhatACallbackDeletesOrAddsWaitsForTheNextPass)
 	EXPECT_EQ("rcrb", pass());
 }
 
-TEST(Clock, TicksForAsLongAsSomebodyIsRegistered)
+TEST(Clock, Ticks)
 {
 	core running;
 	trace.clear();
@@ -124,11 +113,24 @@ TEST(Clock, TicksForAsLongAsSomebodyIsRegistered)
 		EXPECT_EQ(call % 181 == 1, seconds_since_boot != 5000000001) << call << ": asked the system";
 	}
 	EXPECT_EQ(want, trace);
-	vek_unregister_event(VEK_EVENT_TIMER_SECOND, note_tick);
-	vek_tick();
-	EXPECT_EQ(want, trace);
-	for (int number : {-1, +VEK_EVENT_LIMIT}) // which nobody can be registered for
-		EXPECT_EQ(-1, vek_register_event(number, 9, note_tick));
+}
+
+TEST(Log, LongTextIsCutOrDroppedAndDebugModePrintsIt)
+{
+	core running;
+	const std::string text(2000, 'x');
+	const in6_addr none{};
+	VEK_ALERT(1, 2, text.c_str(), "%s", text.c_str());
+	EXPECT_EQ(text.substr(0, 1023), fake.logs.at(0).entry.message);
+	EXPECT_EQ("Account: " + text.substr(0, 22), fake.logs.at(0).entry.note);
+	EXPECT_EQ(-1, VEK_LOG6(&none, &none, "u", "%.1024s", text.c_str()));
+	EXPECT_EQ(7, VEK_LOG6(&none, &none, "u", "%.1023s", text.c_str())) << "the log library's own result";
+	debug = 1;
+	testing::internal::CaptureStderr();
+	dispatch(VEK_EVENT_USER_SOCIAL_LOGIN_STAGE2, {"ssh", "%s%n", "", ip4("10.0.0.1")});
+	debug = 0;
+	EXPECT_EQ("logger_handle_login: User 10.0.0.1: User %s%n ssh login.\n",
+		  testing::internal::GetCapturedStderr());
 }
 
 } // namespace

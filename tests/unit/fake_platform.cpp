@@ -11,14 +11,6 @@
 
 fake_platform fake;
 
-std::string fake_platform::take_messages()
-{
-	std::string all;
-	for (const fake_log &log : std::exchange(logs, {}))
-		all += std::string(log.entry.message) + "\n";
-	return all;
-}
-
 extern "C" {
 
 std::time_t time(std::time_t *result) noexcept
@@ -53,18 +45,14 @@ int qzkit_wlan_get_hybridmode(void) { return fake.mode; }
 
 int get_user_privilege_by_type_id(user_profile_t *profile, int type)
 {
-	fake.asked_type = type;
-	fake.asked_flag = profile->flag;
-	fake.asked_name.clear();
+	fake.asked = std::to_string(type) + " " + std::to_string(profile->flag) + " ";
 	*profile = fake.profile;
 	return fake.profile_result;
 }
 
 int get_info_from_local(user_profile_t *profile, const char *username, int type)
 {
-	fake.asked_type = type;
-	fake.asked_flag = profile->flag;
-	fake.asked_name = username;
+	fake.asked = std::to_string(type) + " " + std::to_string(profile->flag) + " " + username;
 	*profile = fake.profile;
 	return -1; // of no consequence
 }

@@ -33,10 +33,7 @@ struct fake_platform {
 	// recorded
 	std::vector<fake_log> logs;
 	std::vector<std::string> commands; // run, in a shell or not, or read through a pipe
-	int asked_type = -1, asked_flag = -1;
-	std::string asked_name; // of get_info_from_local; empty when the type's rights were asked for
-
-	std::string take_messages(); // of all records, a line each; forgets the records
+	std::string asked;                 // about rights: type, flag and, unless by type, name
 };
 extern fake_platform fake;
 

@@ -98,7 +98,7 @@ constexpr u64 user_info::*deadline_of[] = {&user_info::reauth_time, &user_info::
 struct outcome {
 	std::vector<vek_event> announced, copies;
 	std::vector<fake_log> logs;
-	string answer;
+	string answer, asked; // of the platform
 };
 
 struct telling {
@@ -342,8 +342,13 @@ struct telling {
 			s.attribute = VEK_USER_ATTRIBUTE_ACCESS;
 			if (cloud)
 				share(s, e, {"accounting_status", "ga_acct_status", "ga_binding_token"});
-		} else if (*e.define_name == '\0' && fake.profile_result < 0) {
-			return 1;
+		} else {
+			const bool by_type = *e.define_name == '\0';
+			out.asked = std::to_string(s.type) + " " +
+				    std::to_string(by_type ? 0 : e.match_flag & 0xff) + " " +
+				    (by_type ? "" : e.username);
+			if (by_type && fake.profile_result < 0)
+				return 1;
 		}
 		if (!dot1x || cloud) {
 			const auto minutes = [&](std::int32_t m) {
@@ -979,6 +984,7 @@ string step(telling &told, generator &random, connection &asker, connection &sub
 	announced.clear();
 	fake.logs.clear();
 	fake.commands.clear();
+	fake.asked.clear();
 	vek_begin_pass();
 	const bool subscribes = event.event == 29 || event.event == 30;
 	const int got = vek_dispatch_event(&event, (subscribes ? subscriber : asker).sock());
@@ -991,7 +997,8 @@ string step(telling &told, generator &random, connection &asker, connection &sub
 	for (const string &error :
 	     {differ("announcement", announced, out.announced),
 	      differ<vek_event>("record", {event}, {expected}), differ("copy", received, out.copies),
-	      string(answer == out.answer ? "" : "another answer"), differ("log record", fake.logs, out.logs),
+	      string(answer == out.answer && fake.asked == out.asked ? "" : "another answer or question"),
+	      differ("log record", fake.logs, out.logs),
 	      compare_state(told, thorough || told.order.size() < 64)})
 		if (!error.empty())
 			return where + error;

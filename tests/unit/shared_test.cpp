@@ -27,34 +27,6 @@ template <class Table> Table *plant(key_t key, std::size_t size = sizeof(Table))
 }
 int value_of(key_t lock) { return semctl(semget(lock, 1, 0666), 0, GETVAL); }
 
-TEST(Shared, AStartResetsWhatItFindsAndAnEndRemovesIt)
-{
-	const unsigned char config[24] = {0, 0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0, 3};
-	const auto *configured = plant<user_config>(USER_CONFIG_IPC_KEY);
-	const auto *lockout = plant<user_lock>(USER_LOCK_IPC_KEY);
-	semget(USER_LOCK_IPC_KEY, 1, IPC_CREAT | 0666); // as made it is taken
-	testing::internal::CaptureStderr();
-	{
-		core running;
-		EXPECT_EQ(0, lockout_init());
-		EXPECT_EQ(0, std::memcmp(config, configured, sizeof(config)));
-		EXPECT_EQ(5, lockout->attempt_count);
-		EXPECT_EQ(30, lockout->lockout_period);
-		EXPECT_EQ(0, lockout->enable | lockout->attempt_rec[1023].inuse);
-		EXPECT_EQ(1, value_of(USER_LOCK_IPC_KEY));
-		lockout_exit();
-	}
-	EXPECT_EQ("Previous user config buffer exists. Try to init it\n"
-		  "Previous user lockout buffer exists. Try to init it\n"
-		  "Previous user lockout lock exists. Try to init it\n",
-		  testing::internal::GetCapturedStderr());
-	for (key_t key : {USER_CONFIG_IPC_KEY, USER_LOCK_IPC_KEY})
-		EXPECT_EQ(-1, shmget(key, 0, 0666)) << "left behind";
-	EXPECT_EQ(-1, semget(USER_LOCK_IPC_KEY, 1, 0666)) << "left behind";
-	shmdt(configured);
-	shmdt(lockout);
-}
-
 TEST(Shared, LockoutsAgeAtTheBoundarySeconds)
 {
 	core running;
@@ -127,8 +99,8 @@ TEST_F(Ftp, EndsTheFirstClientOfThatNameAndAddress)
 	EXPECT_EQ("4 /util/suexec /bin/kill 102", log_out("user2"));
 	EXPECT_EQ("3 /util/suexec /bin/kill 104", log_out("user2"));
 	EXPECT_EQ("2 /util/suexec /bin/kill 103", log_out("user3"));
-	for (auto [user, ip] : {std::pair("user1", "10.0.0.2"), {"user", "10.0.0.1"}, {"User1", "10.0.0.1"}})
-		EXPECT_EQ("2", log_out(user, ip));
+	EXPECT_EQ("2", log_out("user1", "10.0.0.2"));
+	EXPECT_EQ("2", log_out("user"));
 	for (int pid : {0, -1, -2147483647}) { // whole groups: the entry goes, nobody is ended
 		fill(1);
 		table->list[0].pid = pid;
@@ -139,7 +111,7 @@ TEST_F(Ftp, EndsTheFirstClientOfThatNameAndAddress)
 
 TEST_F(Ftp, OnlyALauncherThatStalledIsLeftAloneForAWhile)
 {
-	seconds_since_boot = 100; // the while is over when the next test begins
+	seconds_since_boot = 100;                               // the while is over when the next test begins
 	for (int status : {-1, 9, 3 << 8, VEK_CHILD_STALLED}) { // not made, killed by somebody, failed
 		fake.child_status = status;
 		EXPECT_EQ(status == 3 << 8 ? 3 : -1, pidkill(7));
