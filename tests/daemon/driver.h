@@ -285,8 +285,6 @@ private:
 // nothing is left of it.
 class on_device : public testing::Test {
 protected:
-	static constexpr long MORNING = 100000; // the uptime when a test begins
-
 	on_device();
 	void TearDown() override;
 	void advance(long seconds);
@@ -302,7 +300,7 @@ protected:
 	daemon_process vekd;
 
 private:
-	long now_ = MORNING;
+	long now_ = 100000; // the uptime
 };
 
 #endif

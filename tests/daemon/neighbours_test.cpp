@@ -91,8 +91,7 @@ TEST_F(Neighbours, SharedBlocksRemoved)
 	for (int key : {USER_CONFIG_IPC_KEY, USER_LOCK_IPC_KEY})
 		shmctl(shmget(key, 0, 0), IPC_RMID, nullptr);
 	live("Can't get shm!\n");
-	const shared<user_lock> again(USER_LOCK_IPC_KEY,
-				      IPC_CREAT); // another in the table's place is followed
+	const shared<user_lock> again(USER_LOCK_IPC_KEY, IPC_CREAT); // which is followed
 	again->enable = again->lockout_rec[7].inuse = 1;
 	live("");
 	EXPECT_EQ(0, again->lockout_rec[7].inuse);
