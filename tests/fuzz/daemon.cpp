@@ -5,14 +5,11 @@
 // blocks, a full pool. Its core lives on from input to input, and inputs put one behind the other are one
 // input: the file that VEK_FUZZ_TRAIL names always holds what led to the present state, to be replayed.
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/sem.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <fstream>
+#include <optional>
 
 #include "core.h"
 #include "init.h"
@@ -24,72 +21,16 @@
 
 namespace {
 
-// A connection of user 1, of which both ends are here.
-struct client {
-	int fd = -1;
-	bool reads = true;
+std::optional<client> clients[5], &service = clients[0];
 
-	// Null once the daemon has closed it.
-	vek_socket *daemon_side() const
-	{
-		for (vek_socket *sock : vek_socket_list)
-			if (sock->pid == fd)
-				return sock;
-		return nullptr;
-	}
-
-	// True when there was something to read.
-	bool drain() const
-	{
-		static char piece[1 << 20];
-		return reads && recv(fd, piece, sizeof(piece), MSG_DONTWAIT) > 0;
-	}
-
-	// Lets the daemon read until nothing is left.
-	void serve() const
-	{
-		while (vek_socket *sock = daemon_side()) {
-			char next;
-			if (recv(sock->fd, &next, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN)
-				return;
-			vek_begin_pass();
-			vek_sock_event_read(sock->fd, sock);
-			while (drain())
-				;
-		}
-	}
-
-	void close()
-	{
-		if (fd < 0)
-			return;
-		shutdown(fd, SHUT_RDWR);
-		serve();
-		require(daemon_side() == nullptr, "a connection outlives its client");
-		::close(fd);
-		*this = {};
-	}
-
-	// On a new connection unless there is one.
-	void say(std::uint8_t type, const void *data, std::size_t size)
-	{
-		if (daemon_side() == nullptr) {
-			close();
-			int ends[2];
-			require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends) == 0, "no socket");
-			fd = ends[1];
-			auto *sock = static_cast<vek_socket *>(vek_malloc(sizeof(vek_socket)));
-			sock->type = type;
-			sock->fd = ends[0];
-			sock->pid = fd; // as good as any, and says whose it is
-			sock->uid = 1;
-			require(vek_sock_event_add_fd(sock->fd, FD_READ, sock) == 0, "its number is in use");
-			vek_socket_list.push_back(sock);
-		}
-		send(fd, data, size, MSG_NOSIGNAL);
-		serve();
-	}
-} clients[5], &service = clients[0];
+// On a new connection unless there is one.
+void say(std::optional<client> &by, std::uint8_t type, const void *data, std::size_t size)
+{
+	if (!by || by->sock() == nullptr)
+		by.emplace(type);
+	by->say(data, size);
+	by->take();
+}
 
 // What other programs write to: configuration, lockout table, the ftp server's table.
 std::span<char> shared_blocks[3];
@@ -108,12 +49,9 @@ void fresh_core()
 		shared_blocks[2] = {static_cast<char *>(ftp), sizeof(ClientTerminateList)};
 		semctl(vek_create_sem(PUREFTP_IPC_KEY, "", ""), 0, SETVAL, 1);
 	}
-	for (client &peer : clients)
-		peer.close();
-	while (user_list *session = userdb_use_list.front())
-		userdb_end_session(session);
-	while (vek_deferred_logout *parked = vek_deferred_logout_list.front())
-		vek_free_deferred_logout(parked);
+	for (std::optional<client> &one : clients)
+		one.reset();
+	end_all();
 	for (const auto block : shared_blocks)
 		std::fill(block.begin(), block.end(), 0);
 	seconds_since_boot = 1000;
@@ -156,10 +94,10 @@ void step(input &in)
 	vek_event bob = make_event(VEK_EVENT_USER_LOGIN, {.service = "802.1x", .user = "bob", .unique = "3"});
 	set_ip6(bob, "2001:db8::20");
 	dispatch(bob);
-	service.say(STREAM, in.rest.data(), in.rest.size());
+	say(service, STREAM, in.rest.data(), in.rest.size());
 	dispatch(VEK_EVENT_USER_LOGIN, {.service = "ftp", .user = "eve", .unique = "4", .ip = 7});
 	dispatch(VEK_EVENT_USER_LOGOUT, {.user = "alice"});
-	service.close();
+	service.reset();
 	in.rest = {};
 }
 
@@ -191,14 +129,14 @@ void step(input &in)
 	const int number = in.byte() % 12;
 	if (number <= 2) {
 		const vek_event event = take_event(in);
-		service.say(VEK_SOCKTYPE_NOTIFY, &event, sizeof(event));
+		say(service, VEK_SOCKTYPE_NOTIFY, &event, sizeof(event));
 	} else if (number <= 4) {
-		client &program = clients[1 + in.byte() % 4];
+		std::optional<client> &program = clients[1 + in.byte() % 4];
 		vek_request request{};
 		request.method = in.byte();
 		request.req_flags = in.byte();
 		in.overwrite(&request.u, sizeof(request.u));
-		program.say(VEK_SOCKTYPE_REQUEST, &request, sizeof(request));
+		say(program, VEK_SOCKTYPE_REQUEST, &request, sizeof(request));
 	} else if (number == 5) {
 		for (int ticks = in.byte(); ticks >= 0; ticks--)
 			vek_tick();
@@ -215,11 +153,11 @@ void step(input &in)
 	} else if (number == 8) {
 		fake.mode = in.byte() % 6;
 	} else if (number == 9) {
-		client &program = clients[1 + in.byte() % 4];
-		if (program.fd >= 0 && in.byte() & 1)
-			program.reads = !program.reads;
+		std::optional<client> &program = clients[1 + in.byte() % 4];
+		if (program && in.byte() & 1)
+			program->reads = !program->reads;
 		else
-			program.close();
+			program.reset();
 	} else if (number == 10) {
 		for (int i = 0; vek_users < VEK_MAX_USERS; i++) {
 			const std::string name = std::to_string(i);
@@ -242,15 +180,6 @@ void step(input &in)
 #endif
 
 } // namespace
-
-// The daemon waits for a client to read: it is the clients' turn. For one that does not read, the wait is
-// over without its time having to pass.
-extern "C" int __wrap_poll(pollfd *, nfds_t, int)
-{
-	const bool read = std::ranges::any_of(clients, &client::drain);
-	errno = EBADF;
-	return read ? 1 : -1;
-}
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {

@@ -5,7 +5,6 @@
 #define CORE_H
 
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "daemon.h"
@@ -22,6 +21,8 @@ struct core {
 	core(const core &) = delete;
 	core &operator=(const core &) = delete;
 };
+
+void end_all(); // sessions and parked logouts, without a word
 
 // Logins, logouts, time-outs and tunnel events as the last handler of their chain saw them.
 extern std::vector<vek_event> announced;
@@ -45,21 +46,24 @@ std::string sessions();
 // The session of that unique key; null when there is none.
 user_info *session_of(const char *unique);
 
-// A client's connection, of which both ends are here.
-class connection {
+// A client of user 1, whose connection the daemon has accepted.
+class client {
 public:
-	connection();
-	~connection();
-	vek_socket *sock() { return &sock_; }
-	// Around a dispatch that writes `size` bytes here, which may be more than the kernel holds.
-	void expect(std::size_t size);
-	std::string take(); // all that was written
+	explicit client(std::uint8_t type = VEK_SOCKTYPE_REQUEST);
+	client(const client &) = delete;
+	~client();                // hangs up, which the daemon sees
+	vek_socket *sock() const; // the daemon's side, which is its own; null once it has closed it
+	void say(const void *data, std::size_t size); // lets the daemon read until nothing is left
+	std::string take();                           // all that the daemon wrote since the last time
+	bool receive();                               // some of it; whether there was any
+
+	bool reads = true; // otherwise it receives nothing, also while the daemon waits for it
 
 private:
-	vek_socket sock_{};
-	int peer_ = -1;
+	void serve();
+
+	int fd_;
 	std::string got_;
-	std::thread reader_;
 };
 
 // The record with what follows its texts' ends, and its padding, zero: what two equal records share.

@@ -12,15 +12,12 @@
 
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
-#include <utility>
 
 #include "core.h"
 #include "faults.h"
 #include "init.h"
 #include "listener.h"
 #include "misc.h"
-#include "sock_event.h"
 
 int *const allocations_left = &fake.allocations_left;
 
@@ -29,90 +26,11 @@ namespace {
 constexpr keys ALICE{"captive portal", "alice", "1", 7};
 constexpr fault NO_MEMORY{"memory", ENOMEM};
 
-struct listening {
-	const char *path;
-	int *fd;
-};
-constexpr listening NOTIFY{"/tmp/notify", &vek_notify_fd}, REQUEST{"/tmp/request", &vek_request_fd};
-
 void clean() { EXPECT_EQ("", check_invariants()); }
 
-void end_all()
+TEST(Fault, LoginIsWholeOrRefusedAndAlwaysEnds)
 {
-	while (user_list *session = userdb_use_list.front())
-		userdb_end_session(session);
-	while (vek_deferred_logout *parked = vek_deferred_logout_list.front())
-		vek_free_deferred_logout(parked);
-}
-
-// As many passes of the main loop as whatever clients have sent needs: accept, records, end.
-void passes()
-{
-	for (int i = 0; i < 6; i++) {
-		vek_begin_pass();
-		EXPECT_EQ(0, vek_sock_event_loop(&vek_skevent));
-	}
-}
-
-template <class Record> void say(int fd, const Record &record)
-{
-	[[maybe_unused]] const ssize_t written = write(fd, &record, sizeof(record));
-}
-
-// What the daemon said, in numbers; -1 when it has hung up without a word.
-int answer(int fd)
-{
-	int code = -1;
-	recv(fd, &code, sizeof(code), MSG_DONTWAIT);
-	return code;
-}
-
-// A daemon with its two sockets, and clients that come in through them.
-struct Fault : testing::Test {
-	Fault()
-	{
-		signal(SIGPIPE, SIG_IGN);
-		for (const listening &way : {NOTIFY, REQUEST}) {
-			*way.fd = vek_bind_unix_address(way.path);
-			vek_sock_event_add_fd(*way.fd, FD_READ, nullptr);
-		}
-	}
-	~Fault() override
-	{
-		hang_up();
-		end_all();
-		for (const listening &way : {NOTIFY, REQUEST}) {
-			vek_sock_event_del_fd(*way.fd);
-			close(std::exchange(*way.fd, -1));
-			unlink(way.path);
-		}
-	}
-	int client(const listening &way)
-	{
-		const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-		sockaddr_un address{};
-		address.sun_family = AF_UNIX;
-		copy_text(address.sun_path, way.path);
-		EXPECT_EQ(0, connect(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)));
-		clients.push_back(fd);
-		return fd;
-	}
-	void hang_up()
-	{
-		for (const int fd : std::exchange(clients, {}))
-			close(fd);
-		passes();
-		EXPECT_TRUE(vek_socket_list.empty());
-	}
-
 	core running;
-	std::vector<int> clients;
-};
-
-} // namespace
-
-TEST_F(Fault, LoginIsWholeOrRefusedAndAlwaysEnds)
-{
 	fake.mode = WHOPMODE_CLOUD;
 	dispatch(VEK_EVENT_USER_LOGIN, {"ssh", "bob", "2", 8}); // the indexes are not empty
 	vek_event login = make_event(VEK_EVENT_USER_LOGIN, ALICE);
@@ -135,9 +53,10 @@ TEST_F(Fault, LoginIsWholeOrRefusedAndAlwaysEnds)
 	}
 }
 
-TEST_F(Fault, SubscriptionsAndRoamingHappenOrDoNot)
+TEST(Fault, SubscriptionsAndRoamingHappenOrDoNot)
 {
-	connection subscriber;
+	core running;
+	client subscriber;
 	int result = 0;
 	exhaust(
 	    NO_MEMORY, [] {}, [&] { result = dispatch(VEK_EVENT_APP_LISTEN, {}, subscriber.sock()); },
@@ -160,6 +79,45 @@ TEST_F(Fault, SubscriptionsAndRoamingHappenOrDoNot)
 	});
 }
 
+// A socket of the daemon that clients connect to.
+struct endpoint {
+	const char *path;
+	int *fd;
+
+	endpoint(const char *where, int *listening) : path(where), fd(listening)
+	{
+		*fd = vek_bind_unix_address(path);
+		vek_sock_event_add_fd(*fd, FD_READ, nullptr);
+	}
+	~endpoint()
+	{
+		vek_sock_event_del_fd(*fd);
+		close(*fd);
+		*fd = -1;
+		unlink(path);
+	}
+	// A client that connects and says this; its descriptor.
+	template <class... Records> int visit(const Records &...records) const
+	{
+		const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+		sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+		copy_text(address.sun_path, path);
+		EXPECT_EQ(0, connect(client, reinterpret_cast<const sockaddr *>(&address), sizeof(address)));
+		(static_cast<void>(!write(client, &records, sizeof(records))),
+		 ...); // and not send, which may fail
+		return client;
+	}
+};
+
+// As many passes of the main loop as whatever clients have sent needs: accept, records, end.
+void passes()
+{
+	for (int i = 0; i < 6; i++) {
+		vek_begin_pass();
+		EXPECT_EQ(0, vek_sock_event_loop(&vek_skevent));
+	}
+}
+
 // A pass never waits.
 extern "C" int __real_select(int count, fd_set *read, fd_set *write, fd_set *except, timeval *limit);
 extern "C" int __wrap_select(int count, fd_set *read, fd_set *write, fd_set *except, timeval *)
@@ -169,33 +127,33 @@ extern "C" int __wrap_select(int count, fd_set *read, fd_set *write, fd_set *exc
 }
 
 // The way in: a client's whole road, from accept to the answer, past a subscriber, with each call on it
-// failing.
-TEST_F(Fault, AClientIsServedOrLosesItsConnection)
+// failing. The next client, which comes after a tick, finds nothing changed.
+TEST(Fault, AClientIsServedOrLosesItsConnection)
 {
-	client(NOTIFY); // from now on there is a spare descriptor
-	hang_up();
-	const auto road = [this] {
-		vek_request request{};
-		const int other = client(REQUEST);
-		for (const int method : {VEK_LISTEN, VEK_QUERY_ALL}) {
-			request.method = method;
-			say(other, request);
-		}
-		int fd = client(NOTIFY);
-		say(fd, make_event(VEK_EVENT_USER_LOGIN, ALICE));
-		passes();
-		say(fd, make_event(VEK_EVENT_USER_LOGOUT_REVOCABLE, ALICE));
+	core running;
+	signal(SIGPIPE, SIG_IGN);
+	const endpoint notify("/tmp/notify", &vek_notify_fd), request("/tmp/request", &vek_request_fd);
+	const auto road = [&] {
+		const int other =
+		    request.visit(vek_request{VEK_LISTEN, {}, 0}, vek_request{VEK_QUERY_ALL, {}, 0});
+		const int service = notify.visit(make_event(VEK_EVENT_USER_LOGIN, ALICE),
+						 make_event(VEK_EVENT_USER_LOGOUT_REVOCABLE, ALICE));
 		passes();
 		heal();
-		// The next tick accepts again, and the next client finds nothing changed.
 		vek_resume_accept();
-		hang_up();
-		fd = client(NOTIFY);
-		say(fd, make_event(VEK_EVENT_USER_LOGIN, {"ssh", "bob", "2", 8}));
+		close(other);
+		close(service);
 		passes();
-		EXPECT_EQ(VEK_RESPONSE_SUCCESS, answer(fd));
-		hang_up();
+		EXPECT_TRUE(vek_socket_list.empty());
+		const int next = notify.visit(make_event(VEK_EVENT_USER_LOGIN, {"ssh", "bob", "2", 8}));
+		passes();
+		int code = -1; // hung up on, without a word
+		recv(next, &code, sizeof(code), MSG_DONTWAIT);
+		EXPECT_EQ(VEK_RESPONSE_SUCCESS, code);
+		close(next);
+		passes();
 	};
+	road(); // from now on there is a spare descriptor
 	for (const fault &fault : {NO_MEMORY,
 				   ::fault{"accept4", ENFILE},
 				   {"accept4", EMFILE, true},
@@ -207,30 +165,32 @@ TEST_F(Fault, AClientIsServedOrLosesItsConnection)
 		exhaust(fault, end_all, road, [](bool) { clean(); });
 }
 
-TEST_F(Fault, AParkedLogoutWithoutMemoryHappensAtOnce)
+TEST(Fault, AParkedLogoutWithoutMemoryHappensAtOnce)
 {
-	const int fd = client(NOTIFY);
-	passes();
+	core running;
+	client service(VEK_SOCKTYPE_NOTIFY);
+	const vek_event logout = make_event(VEK_EVENT_USER_LOGOUT_REVOCABLE, ALICE);
 	const auto prepare = [] {
 		end_all();
 		dispatch(VEK_EVENT_USER_LOGIN, ALICE);
 	};
-	const auto park = [&] {
-		say(fd, make_event(VEK_EVENT_USER_LOGOUT_REVOCABLE, ALICE));
-		vek_handle_notify(vek_socket_list.front()->fd, vek_socket_list.front());
-	};
-	exhaust(NO_MEMORY, prepare, park, [&](bool failed) {
+	const auto check = [&](bool failed) {
 		clean();
+		const vek_response response{failed ? VEK_RESPONSE_SUCCESS : VEK_RESPONSE_FAIL};
+		EXPECT_EQ(std::string(reinterpret_cast<const char *>(&response), sizeof(response)),
+			  service.take());
 		EXPECT_EQ(failed, sessions().empty());
-		EXPECT_EQ(failed ? VEK_RESPONSE_SUCCESS : VEK_RESPONSE_FAIL, answer(fd));
 		EXPECT_EQ(failed, vek_deferred_logout_list.empty());
-	});
+	};
+	exhaust(
+	    NO_MEMORY, prepare, [&] { service.say(&logout, sizeof(logout)); }, check);
 }
 
 // Whatever cannot be had of the ftp server's and the lockout table and their locks, the session ends and
 // nothing stays attached.
-TEST_F(Fault, SharedTablesThatCannotBeHad)
+TEST(Fault, SharedTablesThatCannotBeHad)
 {
+	core running;
 	ASSERT_EQ(0, terminator_init());
 	ASSERT_EQ(0, lockout_init());
 	int ftp;
@@ -262,7 +222,7 @@ TEST_F(Fault, SharedTablesThatCannotBeHad)
 
 // A module that does not start costs what it does; the daemon takes everything that comes all the same, and a
 // start after it is as good as a first one.
-TEST(FaultyStart, ADaemonWithAMissingModuleStillServes)
+TEST(Fault, ADaemonWithAMissingModuleStillServes)
 {
 	const auto prepare = [] {
 		fake = fake_platform{};
@@ -274,12 +234,11 @@ TEST(FaultyStart, ADaemonWithAMissingModuleStillServes)
 		rb_root = create_rbtree();
 		for (int number = 1; number < 2 * VEK_EVENT_LIMIT; number++)
 			for (const keys &keys : {ALICE, ::keys{"ftp", "bob", "2", 8}, ::keys{}}) {
-				connection client;
+				client client;
 				vek_event event = make_event(number % VEK_EVENT_LIMIT, keys);
 				dispatch(event, client.sock());
 				event.event_flag |= VEK_EVENT_FLAG_USED_IPV6_ADDR;
 				dispatch(event, client.sock());
-				listener_forget(client.sock()->fd);
 			}
 		if (!failed) {
 			clean();
@@ -300,3 +259,5 @@ TEST(FaultyStart, ADaemonWithAMissingModuleStillServes)
 				   {"shmget", EACCES, true}})
 		exhaust(fault, prepare, do_initcalls, serve);
 }
+
+} // namespace

@@ -1,176 +1,171 @@
 // invariants.cpp: see invariants.h. Written against the headers only.
 #include "invariants.h"
 
+#include <algorithm>
 #include <bitset>
 #include <cstdlib>
-
-#include "userdb.h"
+#include <stdexcept>
 
 namespace {
 
-struct avl_walk {
-	const avl_table *table;
+void require(bool holds, const char *what, const char *broken)
+{
+	if (!holds)
+		throw std::logic_error(std::string(what) + ": " + broken);
+}
+
+template <class Check> std::string said_by(Check check)
+{
+	try {
+		check();
+		return "";
+	} catch (const std::logic_error &error) {
+		return error.what();
+	}
+}
+
+// The height of a subtree, whose items are counted and come after `previous`.
+int height(const avl_table *table, const avl_node *node, const void *&previous, std::size_t &count)
+{
+	if (node == nullptr)
+		return 0;
+	const int left = height(table, node->avl_link[0], previous, count);
+	require(previous == nullptr || table->avl_compare(previous, node->avl_data, table->avl_param) < 0,
+		"ordered table", "order");
+	previous = node->avl_data;
+	++count;
+	const int right = height(table, node->avl_link[1], previous, count);
+	require(right - left == node->avl_balance && abs(right - left) <= 1, "ordered table", "balance");
+	return 1 + std::max(left, right);
+}
+
+void balanced(const avl_table *table)
+{
 	const void *previous = nullptr;
 	std::size_t count = 0;
-	std::string error;
+	height(table, table->avl_root, previous, count);
+	require(count == avl_count(table), "ordered table", "count");
+}
 
-	int height(const avl_node *node)
-	{
-		if (node == nullptr || !error.empty())
-			return 0;
-		const int left = height(node->avl_link[0]);
-		if (previous != nullptr &&
-		    table->avl_compare(previous, node->avl_data, table->avl_param) >= 0)
-			error = "avl: items out of order";
-		previous = node->avl_data;
-		++count;
-		const int right = height(node->avl_link[1]);
-		if (right - left != node->avl_balance || abs(right - left) > 1)
-			error = "avl: balance";
-		return 1 + (left > right ? left : right);
-	}
-};
-
-int station_key(const rb_node_s *node) { return atoi(node->user_info->auth_time); }
-
-// Black height; -1 when a rule is broken.
 int black_height(const rb_node_s *node, const rb_node_s *parent)
 {
 	if (node == nullptr)
 		return 1;
-	if (node->parent != parent || node->user_info == nullptr || node->color > BLACK)
-		return -1;
-	if (node->color == RED && (parent == nullptr || parent->color == RED))
-		return -1;
-	const int left = black_height(node->rb_left, node);
-	if (left < 0 || left != black_height(node->rb_right, node))
-		return -1;
+	require(node->parent == parent && node->user_info != nullptr, "station tree", "links");
+	require(node->color == BLACK || (node->color == RED && parent != nullptr && parent->color == BLACK),
+		"station tree", "red nodes");
+	const int left = black_height(node->rb_left, node), right = black_height(node->rb_right, node);
+	require(left == right, "station tree", "black nodes");
 	return left + node->color;
 }
 
-// Length of a list whose links all agree, or -1. `limit` bounds a list that has lost its end.
-int list_length(const list_head *head, int limit)
+using slot_set = std::bitset<VEK_MAX_USERS>;
+slot_set set_of(const std::vector<int> &slots, const char *what)
 {
-	int length = 0;
-	for (const list_head *link = head;; link = link->next) {
-		if (link->next == nullptr || link->next->prev != link)
-			return -1;
-		if (link->next == head)
-			return length;
-		if (++length > limit)
-			return -1;
+	slot_set set;
+	for (const int slot : slots) {
+		require(slot >= 0 && !set.test(static_cast<std::size_t>(slot)), what, "links");
+		set.set(static_cast<std::size_t>(slot));
 	}
+	return set;
 }
 
-using slot_set = std::bitset<VEK_MAX_USERS>;
-std::size_t slot_of(const user_list *session) { return static_cast<std::size_t>(session - userdb_ulist); }
-
-template <auto Ring, auto Counter>
-std::string check_index(const std::string &where, avl_table *tree, const slot_set &in_use)
+void agree()
 {
-	if (std::string error = check_avl(tree); !error.empty())
-		return where + error;
-	slot_set seen;
-	avl_traverser walk;
-	for (void *item = avl_t_first(&walk, tree); item != nullptr; item = avl_t_next(&walk)) {
-		auto *representative = static_cast<user_list *>(item);
-		list_head *head = &(representative->*Ring), *link = head;
-		if (list_length(head, VEK_MAX_USERS) + 1 != representative->*Counter)
-			return where + "broken ring, or not of its counter's length";
-		do {
-			const user_list *session = list_entry<Ring>(link);
-			if (tree->avl_compare(session, representative, nullptr) != 0)
-				return where + "different keys on one ring";
-			if (!in_use.test(slot_of(session)) || seen.test(slot_of(session)))
-				return where + "a session that is free or twice there";
-			seen.set(slot_of(session));
-			link = link->next;
-		} while (link != head);
+	const auto entry = list_entry<&user_list::use_list>;
+	const slot_set in_use = set_of(slots_on(userdb_use_list.head(), entry), "use list");
+	require(in_use.count() == static_cast<std::size_t>(vek_users), "use list", "number");
+	require(set_of(slots_on(userdb_unuse_list.head(), entry), "free list") == ~in_use, "free list",
+		"slots");
+
+	for (const session_index &index : session_indexes) {
+		balanced(index.tree);
+		const std::vector<int> all = slots_of(index);
+		require(set_of(all, index.name) == in_use, index.name, "sessions");
+		std::size_t keys = 0;
+		for (auto at = all.begin(); at != all.end(); ++keys) {
+			const user_list *first = &userdb_ulist[*at];
+			const auto end = std::find_if(at, all.end(), [&](int slot) {
+				return index.tree->avl_compare(&userdb_ulist[slot], first, nullptr) != 0;
+			});
+			require(first->*index.counter == end - at, index.name, "counter");
+			at = end;
+		}
+		require(keys == avl_count(index.tree), index.name, "different keys on a ring");
 	}
-	return seen == in_use ? "" : where + "a session is missing";
+
+	for (const deadline_list &list : userdb_deadline_lists) {
+		const auto deadline = [&](std::size_t slot) { return userdb_uinfo[slot].*list.deadline; };
+		slot_set due = in_use;
+		for (std::size_t slot = 0; slot < due.size(); ++slot)
+			if (deadline(slot) == 0)
+				due.reset(slot);
+		const std::vector<int> all = slots_on(list.head, list.entry);
+		require(set_of(all, "deadline list") == due, "deadline list", "sessions");
+		// A configuration change leaves the idle list in session order.
+		require(list.link == &user_list::idle_list || std::ranges::is_sorted(all, {}, deadline),
+			"deadline list", "order");
+	}
+
+	black_height(rb_root->rb_node, nullptr);
+	std::size_t stations = 0;
+	const rb_node_t *last = nullptr;
+	const auto key = [](const rb_node_t *node) { return atoi(node->user_info->auth_time); };
+	for (rb_node_t *node = rb_first(rb_root); node != nullptr; last = node, node = rb_next(node)) {
+		require(last == nullptr || key(last) <= key(node), "station tree", "order");
+		require(node->session != nullptr && node->session->station == node, "station tree",
+			"sessions");
+		++stations;
+	}
+	require(last == rb_last(rb_root), "station tree", "walk");
+	for (const user_list &slot : userdb_ulist)
+		if (slot.station != nullptr) {
+			require(in_use[slot_of(&slot)] && IsWebAuth(slot.uinfo->service), "station", "whose");
+			--stations;
+		}
+	require(stations == 0, "station tree", "number");
 }
 
 } // namespace
 
+const session_index session_indexes[3] = {
+    {"index by name", avl_username_tree, &user_list::same_name_users, &user_list::same_name_list,
+     list_entry<&user_list::same_name_list>},
+    {"index by IPv4", avl_ip_tree, &user_list::same_ip_users, &user_list::same_ip_list,
+     list_entry<&user_list::same_ip_list>},
+    {"index by IPv6", avl_ip6_tree, &user_list::same_ip6_users, &user_list::same_ip6_list,
+     list_entry<&user_list::same_ip6_list>},
+};
+
+int slot_of(const user_list *session) { return static_cast<int>(session - userdb_ulist); }
+
+std::vector<int> slots_on(const list_head *head, user_list *(*entry)(list_head *))
+{
+	std::vector<int> all;
+	for (const list_head *at = head; all.size() <= VEK_MAX_USERS; at = at->next) {
+		if (at->next == nullptr || at->next->prev != at)
+			break;
+		if (at->next == head)
+			return all;
+		all.push_back(slot_of(entry(at->next)));
+	}
+	return {-1};
+}
+
+std::vector<int> slots_of(const session_index &index)
+{
+	std::vector<int> all;
+	avl_traverser walk;
+	for (void *item = avl_t_first(&walk, index.tree); item != nullptr; item = avl_t_next(&walk)) {
+		const auto *first = static_cast<user_list *>(item);
+		all.push_back(slot_of(first));
+		std::ranges::copy(slots_on(&(first->*index.ring), index.entry), std::back_inserter(all));
+	}
+	return all;
+}
+
 std::string check_avl(const avl_table *table)
 {
-	avl_walk walk{.table = table, .error = {}};
-	walk.height(table->avl_root);
-	return walk.error.empty() && walk.count != avl_count(table) ? "avl: count" : walk.error;
+	return said_by([=] { balanced(table); });
 }
-
-std::string check_rbtree(const struct rb_root *root)
-{
-	if (root->rb_node != nullptr && (root->rb_node->color != BLACK || root->rb_node->parent != nullptr))
-		return "rbtree: the root is red or has a parent";
-	if (black_height(root->rb_node, nullptr) < 0)
-		return "rbtree: colours or parent links";
-	const rb_node_s *previous = nullptr;
-	for (rb_node_t *node = rb_first(root); node != nullptr; previous = node, node = rb_next(node))
-		if (previous != nullptr && station_key(previous) > station_key(node))
-			return "rbtree: out of order";
-	return rb_last(root) == previous ? "" : "rbtree: the walk does not end at the last node";
-}
-
-std::string check_invariants()
-{
-	slot_set in_use;
-	if (list_length(userdb_use_list.head(), VEK_MAX_USERS) != vek_users)
-		return "use list: broken, or not of vek_users' length";
-	if (list_length(userdb_unuse_list.head(), VEK_MAX_USERS) != VEK_MAX_USERS - vek_users)
-		return "free list: broken, or not of the rest's length";
-	for (const user_list *session : userdb_use_list)
-		in_use.set(slot_of(session));
-	for (const user_list *slot : userdb_unuse_list)
-		if (in_use.test(slot_of(slot)))
-			return "a slot is free and in use";
-
-	for (const std::string &error : {check_index<&user_list::same_name_list, &user_list::same_name_users>(
-					     "index by name: ", avl_username_tree, in_use),
-					 check_index<&user_list::same_ip_list, &user_list::same_ip_users>(
-					     "index by IPv4: ", avl_ip_tree, in_use),
-					 check_index<&user_list::same_ip6_list, &user_list::same_ip6_users>(
-					     "index by IPv6: ", avl_ip6_tree, in_use)})
-		if (!error.empty())
-			return error;
-
-	for (int i = 0; i < 4; ++i) {
-		const deadline_list &rules = userdb_deadline_lists[i];
-		const std::string where = "deadline list " + std::to_string(i) + ": ";
-		const int length = list_length(rules.head, VEK_MAX_USERS);
-		int due = 0;
-		for (const user_list &slot : userdb_ulist) {
-			const bool linked = list_linked(&(slot.*rules.link));
-			if (linked != (in_use.test(slot_of(&slot)) && slot.uinfo->*rules.deadline != 0))
-				return where + (linked ? "linked without a deadline"
-						       : "a deadline that is not linked");
-			due += linked;
-		}
-		if (length != due)
-			return where + "broken, or not of its sessions' number";
-		// A configuration change leaves the idle list in session order.
-		for (list_head *link = rules.head->next; i != DEADLINE_IDLE && link->next != rules.head;
-		     link = link->next)
-			if (rules.entry(link)->uinfo->*rules.deadline >
-			    rules.entry(link->next)->uinfo->*rules.deadline)
-				return where + "not ascending";
-	}
-
-	if (std::string error = check_rbtree(rb_root); !error.empty())
-		return error;
-	std::size_t stations = 0;
-	for (rb_node_t *node = rb_first(rb_root); node != nullptr; node = rb_next(node), ++stations)
-		if (node->session == nullptr || node->session->station != node)
-			return "a station without its session";
-	for (std::size_t i = 0; i < VEK_MAX_USERS; ++i) {
-		const user_list &slot = userdb_ulist[i];
-		if (slot.uinfo != &userdb_uinfo[i])
-			return "a slot lost its record";
-		if (slot.station == nullptr)
-			continue;
-		stations--;
-		if (!in_use.test(i) || !IsWebAuth(slot.uinfo->service))
-			return "a station of a free slot, or of a session that is none of the portal's";
-	}
-	return stations == 0 ? "" : "a session whose station is not in the tree";
-}
+std::string check_invariants() { return said_by(agree); }
