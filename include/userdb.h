@@ -71,6 +71,17 @@ void userdb_end_session(user_list *ulist);
 // Moves an indexed session to another IPv4 address. 0; or -1 without memory, nothing then being changed.
 int userdb_move_ip(user_list *ulist, std::uint32_t ip);
 
+// An index as data: where its tree is, and which member counts and links the sessions that share a key.
+struct user_index {
+	avl_table **tree;
+	avl_comparison_func *compare;
+	std::int32_t user_list::*users;
+	list_head user_list::*ring;
+	user_list *(*entry)(list_head *link);
+	const char *failure; // to make it
+};
+extern const user_index userdb_indexes[3]; // by name, IPv4 and IPv6 address
+
 // A deadline list as data: which member is the deadline, which the link, and the list.
 struct deadline_list {
 	std::uint64_t user_info::*deadline;

@@ -41,23 +41,7 @@ constinit const deadline_list userdb_deadline_lists[4] = {
      list_entry<&user_list::session_timeout_list>},
 };
 
-namespace {
-
-int uconf_id = -1; // the segment that this process created or took over
-
-const user_info &record_of(const void *item) { return *static_cast<const user_list *>(item)->uinfo; }
-
-// An index as data: where its tree is, and which member counts and links the sessions that share a key.
-struct user_index {
-	avl_table **tree;
-	avl_comparison_func *compare;
-	std::int32_t user_list::*users;
-	list_head user_list::*ring;
-	user_list *(*entry)(list_head *link);
-	const char *failure;
-};
-
-constexpr user_index indexes[] = {
+constexpr user_index userdb_indexes[3] = {
     {&avl_username_tree, avl_compare_username, &user_list::same_name_users, &user_list::same_name_list,
      list_entry<&user_list::same_name_list>, "Can't create internal user database for username!\n"},
     {&avl_ip_tree, avl_compare_ip, &user_list::same_ip_users, &user_list::same_ip_list,
@@ -65,7 +49,14 @@ constexpr user_index indexes[] = {
     {&avl_ip6_tree, avl_compare_ip6, &user_list::same_ip6_users, &user_list::same_ip6_list,
      list_entry<&user_list::same_ip6_list>, "Can't create internal user database for ipv6!\n"},
 };
-constexpr const user_index &ip_index = indexes[1];
+
+namespace {
+
+int uconf_id = -1; // the segment that this process created or took over
+
+const user_info &record_of(const void *item) { return *static_cast<const user_list *>(item)->uinfo; }
+
+constexpr const user_index &ip_index = userdb_indexes[1];
 
 // Enters a session through the slot that a probe with its key gave.
 void index_enter(const user_index &index, user_list *ulist, void **slot, bool first_of_key)
@@ -198,7 +189,7 @@ int userdb_init()
 		userdb_ulist[i].uinfo = &userdb_uinfo[i];
 		userdb_unuse_list.push_back(&userdb_ulist[i]);
 	}
-	for (const user_index &index : indexes) {
+	for (const user_index &index : userdb_indexes) {
 		if (*index.tree != nullptr)
 			avl_destroy(*index.tree, nullptr); // of an earlier start in this process
 		*index.tree = avl_create(index.compare, nullptr, nullptr);
@@ -239,11 +230,11 @@ int userdb_insert(user_list *ulist)
 {
 	list_move(&ulist->use_list, userdb_use_list.head());
 	std::size_t entered = 0;
-	while (entered < std::size(indexes) && index_add(indexes[entered], ulist))
+	while (entered < std::size(userdb_indexes) && index_add(userdb_indexes[entered], ulist))
 		entered++;
-	if (entered < std::size(indexes)) {
+	if (entered < std::size(userdb_indexes)) {
 		while (entered > 0)
-			index_remove(indexes[--entered], ulist);
+			index_remove(userdb_indexes[--entered], ulist);
 		list_move(&ulist->use_list, userdb_unuse_list.head());
 		return -1;
 	}
@@ -254,7 +245,7 @@ int userdb_insert(user_list *ulist)
 
 int userdb_remove(user_list *ulist)
 {
-	for (const user_index &index : indexes)
+	for (const user_index &index : userdb_indexes)
 		index_remove(index, ulist);
 	leave_deadline_lists(ulist);
 	return 0;

@@ -78,20 +78,20 @@ void agree()
 	require(set_of(slots_on(userdb_unuse_list.head(), entry), "free list") == ~in_use, "free list",
 		"slots");
 
-	for (const session_index &index : session_indexes) {
-		balanced(index.tree);
+	for (const user_index &index : userdb_indexes) {
+		balanced(*index.tree);
 		const std::vector<int> all = slots_of(index);
-		require(set_of(all, index.name) == in_use, index.name, "sessions");
+		require(set_of(all, "index") == in_use, "index", "sessions");
 		std::size_t keys = 0;
 		for (auto at = all.begin(); at != all.end(); ++keys) {
 			const user_list *first = &userdb_ulist[*at];
 			const auto end = std::find_if(at, all.end(), [&](int slot) {
-				return index.tree->avl_compare(&userdb_ulist[slot], first, nullptr) != 0;
+				return index.compare(&userdb_ulist[slot], first, nullptr) != 0;
 			});
-			require(first->*index.counter == end - at, index.name, "counter");
+			require(first->*index.users == end - at, "index", "counter");
 			at = end;
 		}
-		require(keys == avl_count(index.tree), index.name, "different keys on a ring");
+		require(keys == avl_count(*index.tree), "index", "different keys on a ring");
 	}
 
 	for (const deadline_list &list : userdb_deadline_lists) {
@@ -128,15 +128,6 @@ void agree()
 
 } // namespace
 
-const session_index session_indexes[3] = {
-    {"index by name", avl_username_tree, &user_list::same_name_users, &user_list::same_name_list,
-     list_entry<&user_list::same_name_list>},
-    {"index by IPv4", avl_ip_tree, &user_list::same_ip_users, &user_list::same_ip_list,
-     list_entry<&user_list::same_ip_list>},
-    {"index by IPv6", avl_ip6_tree, &user_list::same_ip6_users, &user_list::same_ip6_list,
-     list_entry<&user_list::same_ip6_list>},
-};
-
 int slot_of(const user_list *session) { return static_cast<int>(session - userdb_ulist); }
 
 std::vector<int> slots_on(const list_head *head, user_list *(*entry)(list_head *))
@@ -152,11 +143,11 @@ std::vector<int> slots_on(const list_head *head, user_list *(*entry)(list_head *
 	return {-1};
 }
 
-std::vector<int> slots_of(const session_index &index)
+std::vector<int> slots_of(const user_index &index)
 {
 	std::vector<int> all;
 	avl_traverser walk;
-	for (void *item = avl_t_first(&walk, index.tree); item != nullptr; item = avl_t_next(&walk)) {
+	for (void *item = avl_t_first(&walk, *index.tree); item != nullptr; item = avl_t_next(&walk)) {
 		const auto *first = static_cast<user_list *>(item);
 		all.push_back(slot_of(first));
 		std::ranges::copy(slots_on(&(first->*index.ring), index.entry), std::back_inserter(all));

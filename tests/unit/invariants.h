@@ -21,15 +21,7 @@ int slot_of(const user_list *session);
 // The slots on a list or ring in its order, without its head; {-1} when two links disagree, or it has no end.
 std::vector<int> slots_on(const list_head *head, user_list *(*entry)(list_head *));
 
-struct session_index {
-	const char *name;
-	avl_table *&tree;
-	int32_t user_list::*counter;
-	list_head user_list::*ring;
-	user_list *(*entry)(list_head *);
-};
-extern const session_index session_indexes[3]; // by name, IPv4 and IPv6 address
 // The slots of an index: keys ascending, each key's in the order of its ring.
-std::vector<int> slots_of(const session_index &index);
+std::vector<int> slots_of(const user_index &index);
 
 #endif

@@ -698,8 +698,8 @@ string compare_state(const telling &told, bool thorough)
 			return "station of slot " + std::to_string(slot);
 	}
 	for (int index : {NAME, IP, IP6})
-		if (slots_of(session_indexes[index]) != told.sorted(index, told.order))
-			return string("order of the ") + session_indexes[index].name;
+		if (slots_of(userdb_indexes[index]) != told.sorted(index, told.order))
+			return "order of index " + std::to_string(index);
 	return std::memcmp(userdb_uinfo, told.records, sizeof(userdb_uinfo)) != 0 ? "a free slot's record"
 										  : "";
 }
