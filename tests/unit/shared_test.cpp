@@ -19,12 +19,6 @@
 
 namespace {
 
-// A block with what nobody should have left there.
-template <class Table> Table *plant(key_t key, std::size_t size = sizeof(Table))
-{
-	void *block = shmat(shmget(key, size, IPC_CREAT | IPC_EXCL | 0666), nullptr, 0);
-	return static_cast<Table *>(std::memset(block, 0xff, size));
-}
 int value_of(key_t lock) { return semctl(semget(lock, 1, 0666), 0, GETVAL); }
 
 TEST(Shared, LockoutsAgeAtTheBoundarySeconds)
@@ -61,15 +55,20 @@ TEST(Shared, LockoutsAgeAtTheBoundarySeconds)
 
 struct Ftp : testing::Test {
 	core running;
-	ClientTerminateList *table = plant<ClientTerminateList>(PUREFTP_IPC_SHM_KEY);
-	int lock = semget(PUREFTP_IPC_KEY, 1, IPC_CREAT | 0666);
+	int id = -1, lock = vek_create_sem(PUREFTP_IPC_KEY, "", "");
+	ClientTerminateList *table = make(sizeof(ClientTerminateList));
 
 	Ftp() { semctl(lock, 0, SETVAL, 1); }
 	~Ftp() override
 	{
-		shmdt(table);
-		shmctl(shmget(PUREFTP_IPC_SHM_KEY, 0, 0666), IPC_RMID, nullptr);
+		shmctl(id, IPC_RMID, nullptr);
 		semctl(lock, 0, IPC_RMID);
+	}
+	ClientTerminateList *make(std::size_t size)
+	{
+		shmctl(id, IPC_RMID, nullptr);
+		return static_cast<ClientTerminateList *>(
+		    vek_create_shm(PUREFTP_IPC_SHM_KEY, size, "", "", &id));
 	}
 	void fill(std::uint64_t size)
 	{
@@ -141,8 +140,7 @@ TEST_F(Ftp, WhatHasNoEndOrIsTooSmallMatchesNobody)
 	std::memcpy(table->list[1].ipaddr, "192.168.100.1000", 16); // all of its field
 	EXPECT_EQ("3", log_out(std::string(32, 'a') + "10.0.0.1")); // as the table goes on
 	EXPECT_EQ("3", log_out("user1", "192.168.100.100"));
-	shmctl(shmget(PUREFTP_IPC_SHM_KEY, 0, 0666), IPC_RMID, nullptr);
-	shmdt(plant<ClientTerminateList>(PUREFTP_IPC_SHM_KEY, sizeof(*table) - 8));
+	make(sizeof(*table) - 8);
 	EXPECT_EQ(-1, ftplogout_shm_remove(PUREFTP_IPC_SHM_KEY, "user1", "10.0.0.1"));
 }
 
