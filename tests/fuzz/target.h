@@ -1,5 +1,5 @@
-// target.h: what every fuzz target has: the function that a fuzzer, or replay.cpp, calls with an input, and
-// the word for a rule that has to hold.
+// target.h: what every fuzz target has: the function that the fuzzer calls with an input, and the word for a
+// rule that has to hold.
 #ifndef TARGET_H
 #define TARGET_H
 
