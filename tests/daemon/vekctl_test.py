@@ -1,20 +1,11 @@
-"""vekctl against the real daemon: every command, the JSON shapes, every exit status, and that the documents say
-what is so. Runs in a sandbox: `vekctl_test.py SOURCE VEKD VEKCTL EXAMPLE`."""
-import json, os, pathlib, re, shlex, signal, socket, subprocess, sys, time, unittest
+"""vekctl_test.py: vekctl against the real daemon: every command, the JSON shapes, every exit status, and that the
+documents say what is so."""
+import json, shlex
 
-SOURCE, VEKD, VEKCTL, EXAMPLE = sys.argv[1:5]
-PID_FILE = "/var/run/vekd.pid"
+import vek
+from device import *
 
-
-def await_(condition, what):
-    end = time.monotonic() + 10
-    while not condition():
-        assert time.monotonic() < end, f"waited in vain for {what}"
-        time.sleep(0.01)
-
-
-def read(path):
-    return pathlib.Path(path).read_text()
+VEKCTL = f"{BUILD}/tools/vekctl"
 
 
 def run(line, **options):
@@ -22,21 +13,10 @@ def run(line, **options):
                           timeout=60, **{"stdout": subprocess.PIPE, **options})
 
 
-def layout_of(record):
-    """Field names and offsets of a record, as the header that everybody includes asserts them."""
-    return dict(re.findall(r"VEK_AT\(%s, (\w+), (\d+)\)" % record, read(f"{SOURCE}/include/vek.h")))
-
-
-class Vekctl(unittest.TestCase):
+class Vekctl(OnDevice):
     def setUp(self):
-        subprocess.run([VEKD], check=True)
-        await_(lambda: run("count").returncode == 0 and os.path.exists(PID_FILE) and read(PID_FILE), "the daemon")
-        self.pid = int(read(PID_FILE))
-
-    def tearDown(self):
-        os.kill(self.pid, signal.SIGCONT)
-        os.kill(self.pid, signal.SIGTERM)
-        await_(lambda: not os.path.exists(f"/proc/{self.pid}/exe"), "the daemon's end")
+        super().setUp()
+        self.start()
 
     def ok(self, line, status=0, **options):
         result = run(line, **options)
@@ -59,7 +39,7 @@ class Vekctl(unittest.TestCase):
         self.ok("login --service ssh --username carol --type guest --ip 192.0.2.7 --session-timeout 30")
 
         alice = self.json("list")["sessions"][0]
-        self.assertEqual(list(layout_of("user_info")), list(alice))
+        self.assertEqual(list(vek.LAYOUTS["user_info"]), list(alice))
         self.assertEqual(("ssh", "192.0.2.7", "::", 60), tuple(alice[f] for f in "service ip ip6 lease_minute".split()))
         for options, names in (
                 ("", ["alice", "carol", "robert"]), ("--sort -username", ["robert", "carol", "alice"]),
@@ -71,7 +51,7 @@ class Vekctl(unittest.TestCase):
                          r"alice +ssh +user +192\.0\.2\.7 +a1 +\d+s ago +expires in (1h|59m)")
         self.assertRegex(self.ok("list --no-header --columns username,ip"), r"\Aalice +192\.0\.2\.7 *\n")
         shown = dict(line.split(None, 1) for line in self.ok("show 2001:db8::7 --no-header").splitlines())
-        self.assertEqual(list(layout_of("user_info")), list(shown))
+        self.assertEqual(list(vek.LAYOUTS["user_info"]), list(shown))
 
         self.assertEqual(("3\n", 3), (self.ok("count"), self.json("count")["count"]))
         stats = self.json("stats")
@@ -92,15 +72,15 @@ class Vekctl(unittest.TestCase):
     def test_watch(self):
         watch = subprocess.Popen([VEKCTL, "watch", "--json", "--count", "3"], stdout=subprocess.PIPE, text=True)
         # Its connection is there and it sleeps: it has asked for its copies.
-        await_(lambda: re.search(r" 03 .*/dev/user-request$", read("/proc/net/unix"), re.M)
-               and ") S " in read(f"/proc/{watch.pid}/stat"), "the subscription")
+        wait_for(lambda: re.search(r" 03 .*/dev/user-request$", read("/proc/net/unix"), re.M)
+                 and ") S " in read(f"/proc/{watch.pid}/stat"))
         self.ok("login --username alice")
         line = json.loads(watch.stdout.readline())
-        self.assertEqual({"version", "time", "event_name", *layout_of("vek_event")}, set(line))
+        self.assertEqual({"version", "time", "event_name", *vek.LAYOUTS["vek_event"]}, set(line))
         self.assertEqual((1, "login", "alice"), tuple(line[f] for f in ("event", "event_name", "username")))
 
-        self.tearDown()  # its end is noticed, its successor found, the gap marked
-        self.setUp()
+        self.assertEqual(0, self.stop())  # its end is noticed, its successor found, the gap marked
+        self.start()
         self.assertIs(True, json.loads(watch.stdout.readline())["gap"])
         self.ok("login --username bob")
         self.ok("logout --username bob")
@@ -133,11 +113,11 @@ class Vekctl(unittest.TestCase):
         self.assertEqual(["c"], self.names())
         self.ok("logout --all")
         self.ok("report login --username left --real-username left")
-        subprocess.run([EXAMPLE], check=True, timeout=30, capture_output=True)  # ends what it began
+        subprocess.run([f"{BUILD}/client/vek_example"], check=True, timeout=30, capture_output=True)  # ends what it began
         self.assertEqual(["left"], self.names())
 
     def test_updates(self):
-        pathlib.Path("/etc/vekd/platform.conf").write_text("mode cloud\n")
+        write(PLATFORM, "mode cloud\n")
         self.ok("login --service 802.1x --username a --sta-mac aa:bb:cc:dd:ee:01 --radius-profile-name old")
         for update, field, value in (
                 ("lease --username a --minutes 5", "lease_minute", 5),
@@ -159,10 +139,11 @@ class Vekctl(unittest.TestCase):
         self.assertIn('no command "lst"', run("lst").stderr)
         with open("/dev/full", "w") as full:
             self.ok("count", status=1, stdout=full)
-        os.kill(self.pid, signal.SIGSTOP)
+        self.kill(signal.SIGSTOP)
         self.ok("count --timeout 0.2", status=4)
+        self.kill(signal.SIGCONT)
 
-        self.tearDown()  # nobody there, and then somebody else
+        self.assertEqual(0, self.stop())  # nobody there, and then somebody else
         for line in ("count", "login --username a", "config", "lockouts", "stations"):
             self.ok(line, status=3)
         os.unlink("/dev/user-request")  # a daemon leaves its names
@@ -171,10 +152,9 @@ class Vekctl(unittest.TestCase):
             with server.accept()[0] as connection:
                 connection.send(b"\xff" * 1140)
                 self.assertEqual(5, asking.wait(10))
-        self.setUp()
 
     def test_the_manual_names_every_option(self):
-        manual = read(f"{SOURCE}/docs/man/vekctl.1.md").replace("\\-", "-")
+        manual = read(f"{vek.SOURCE}/docs/man/vekctl.1.md").replace("\\-", "-")
         usage = run("--help").stdout
         for command in re.findall(r"^  (\S+) {3,}", usage.split("Subcommands:")[1], re.M):
             self.assertRegex(manual, rf"\*\*{command}[* ]")
@@ -185,14 +165,11 @@ class Vekctl(unittest.TestCase):
         self.assertEqual(set(), set(re.findall(rf"\*\*({option})", manual)) - options, "only in the manual")
 
     def test_the_protocol_document_has_the_layouts(self):
-        document = read(f"{SOURCE}/docs/protocol.md")
+        document = read(f"{vek.SOURCE}/docs/protocol.md")
         for record, size in (("vek_event", 1136), ("user_info", 968)):
             table = re.search(r"## %s, %d bytes.*?\n\n(\|.*?)\n\n" % (record, size), document, re.S).group(1)
             rows = [[c.strip(" `") for c in row.split("|")[1:-1]] for row in table.splitlines()[2:]]
             ends = [int(offset) + int(length) for offset, length, *_ in rows]
             self.assertEqual([0, *ends], [*(int(row[0]) for row in rows), size], record)
-            self.assertEqual(layout_of(record), {row[2]: row[0] for row in rows if row[3] != "padding"})
+            self.assertEqual(vek.LAYOUTS[record], {row[2]: int(row[0]) for row in rows if row[3] != "padding"})
 
-
-if __name__ == "__main__":
-    unittest.main(argv=sys.argv[:1] + sys.argv[5:])

@@ -1,0 +1,92 @@
+"""clients_test.py: clients that send what is no record, that read late, slowly or never, and what that costs the
+others: about a second of waiting, and nobody's data."""
+import vek
+from device import *
+
+INT_MIN, INT_MAX = -2 ** 31, 2 ** 31 - 1
+
+
+class BadInput(OnDevice):
+    def after_bad_numbers(self, kind, record, numbers):
+        """Half a record ends a connection. On the one returned, numbers that nobody may send got no answer."""
+        half, fed = Client(kind), Client(kind)
+        half.write(record, ctypes.sizeof(record) - 1)
+        self.assertEqual(b"", half.read())
+        self.assertTrue(half.ended())
+        for number in numbers:
+            fed.write(type(record)(number))
+        return fed
+
+    def test_records_that_are_none(self):
+        self.start()
+        success = bytes(vek.response(vek.RESPONSE_SUCCESS))
+        event = notice(vek.EVENT_USER_LOGIN, "ssh", "bob\n<25>eve\x1b[2J")
+        reporting = self.after_bad_numbers("notify", event, (0, 6, 9, 12, 18, 23, 31, 33, 39, -1, INT_MIN, INT_MAX))
+        reporting.write(event)
+        self.assertEqual(success, reporting.read(len(success)), "the only answer")
+        self.logged("User bob\\x0a<25>eve\\x1b[2J ssh login.")  # a name forges no line
+
+        # Text without an end.
+        endless = vek.event.from_buffer_copy(b"A" * ctypes.sizeof(event))
+        endless.event, endless.type, endless.event_flag = vek.EVENT_USER_LOGIN, vek.USER_TYPE, 0
+        endless.define_name = ""
+        reporting.write(endless)
+        self.assertEqual(success, reporting.read(len(success)))
+        self.logged(f"User {'A' * 63} {'A' * 31} login.")
+
+        request = vek.request.from_buffer_copy(b"B" * ctypes.sizeof(vek.request))
+        request.method, request.req_flags = vek.QUERY_NAME, 0
+        asking = self.after_bad_numbers("request", request, (0, 7, -1, INT_MIN, INT_MAX))
+        asking.write(request)
+        answer = asking.read(ctypes.sizeof(event))
+        self.assertEqual(1, answer.count(b"B" * 63 + b"\0"), "of the whole name's length")
+
+
+def read_slowly(client):
+    while not client.ended():
+        client.read(4096)
+        time.sleep(0.01)
+
+
+class SlowClients(OnDevice):
+    def test_are_shut_down_while_others_are_served(self):
+        self.start("-d")
+        self.service.fill(vek.MAX_USERS)
+        subscriber, *asking = slow = [Client("request") for _ in range(5)]
+        subscriber.write(vek.request(vek.LISTEN))
+        for client in asking:
+            for _ in range(4):
+                client.write(vek.request(vek.QUERY_ALL))
+        for client in asking[:3]:
+            self.process(read_slowly, client)
+        waits = Waits()
+
+        def all_are_ended():
+            self.assertEqual(0, waits.of(self.service.logout, "http/https", "1"))
+            self.assertEqual(vek.MAX_USERS - 1, waits.of(self.ask.count))
+            self.assertEqual(0, waits.of(self.service.login, "http/https", "1"))
+            return all(client.ended() for client in slow)
+
+        wait_for(all_are_ended)
+        waits.print("beside stalled clients")
+        self.assertLess(waits.percentile(100), 1500 * SLOWER)
+        self.assertEqual(5, self.output().count("shut down request connection"), "each said once")
+        self.assertEqual(0, len(subscriber.read()) % ctypes.sizeof(vek.event), "a copy came in part")
+
+    def test_burst_arrives_at_a_late_reader(self):
+        self.start()
+        copies = Client("request").subscribe()
+        burst = [str(i) for i in range(500)]
+        for unique in burst:
+            self.assertEqual(0, self.service.login("http/https", "crowd", unique))
+            copies.next()
+
+        # All of them in one dispatch. The reader wakes up in the middle of it.
+        def read_late():
+            wait_for(copies.pending)
+            time.sleep(0.2)
+            self.assertEqual(burst, [copies.next().unique for _ in burst])
+
+        late = self.process(read_late)
+        self.assertEqual(1, self.service.report(vek.EVENT_WEB_USER_LOGOUT, "", "crowd"))
+        self.assertEqual(0, exit_status(late.pid))

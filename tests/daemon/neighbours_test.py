@@ -1,0 +1,137 @@
+"""neighbours_test.py: what else runs on the device has stopped working: the log, semaphores, shared memory, the
+file systems, the tools. Each wait has its bound, and no session is lost."""
+import vek
+from device import *
+
+# Seconds that each may cost: the log in any one second, a semaphore once, a tool at each start.
+LOG, SEMAPHORE, TOOL = 0.1, 1, 2
+
+
+class Neighbours(OnDevice):
+    @contextlib.contextmanager
+    def within(self, bound):
+        """Not longer than the bound, and what the machine needs for the rest."""
+        start = time.monotonic()
+        yield
+        self.assertLess(time.monotonic() - start, bound + SLOWER)
+
+    def test_log_that_stopped_reading(self):
+        self.start()
+        os.kill(self.log_reader.pid, signal.SIGSTOP)
+        for _ in range(vek.MAX_USERS):
+            with self.within(LOG):
+                self.assertEqual(0, self.service.login("ssh", "bob"))
+        self.assertEqual(vek.MAX_USERS, self.ask.count())
+        os.kill(self.log_reader.pid, signal.SIGCONT)
+        # It reads again: what is missing is said, so that every line is accounted for.
+        reports = vek.MAX_USERS
+
+        def all_are_accounted_for():
+            nonlocal reports
+            reports += self.service.login("ssh", "late")  # refused
+            time.sleep(0.01)
+            lost = [int(number) for number in re.findall(r"^<\d+>(\d+) messages were lost", log_lines(), re.M)]
+            return lost and reports == log_lines().count("\n") - len(lost) + sum(lost)
+
+        wait_for(all_are_accounted_for)
+
+    def test_semaphores_that_are_never_released(self):
+        stand_in("/util/suexec", 'exec "$@"\n')
+        self.start("-d")
+        server = self.process()
+        clients, lock = self.ftp_clients((server.pid, "bob", "0.0.0.0"))
+        LIBC.semctl(LIBC.semget(vek.USER_LOCK_IPC_KEY, 1, 0), 0, SETVAL, 0)
+
+        names = ("bob", "bob2", "bob3", "bob4")
+        for user in names:
+            self.service.login("ftp", user)
+        with self.within(SEMAPHORE):  # waited for once
+            self.assertEqual([0] * 4, [self.service.logout("ftp", user) for user in names])
+        wait_for(lambda: not alive(server.pid))
+        self.assertEqual(0, clients.size)
+        self.assertEqual(0, LIBC.semctl(lock, 0, GETVAL), "what was not taken was given back")
+        with self.within(SEMAPHORE):
+            self.tick(11)
+        self.tick(11)
+        self.assertIn("can't do locking!\n", self.output())
+
+    def test_shared_blocks_removed(self):
+        self.start("-d")
+        self.service.fill(3)
+
+        def live(complaint):
+            with self.within(0):
+                self.kill(signal.SIGHUP)
+                self.tick(22)
+                self.service.login("ftp", "bob")  # whose server has no table
+                self.assertEqual(0, self.service.logout("ftp", "bob"))
+            self.assertIn(complaint, self.output())
+            self.assertEqual(3, self.ask.count())
+
+        for key in (vek.USER_CONFIG_IPC_KEY, vek.USER_LOCK_IPC_KEY):
+            LIBC.shmctl(checked(LIBC.shmget(key, 0, 0)), IPC_RMID, None)
+        live("Can't get shm!\n")
+        again = self.shared(vek.user_lock, vek.USER_LOCK_IPC_KEY, IPC_CREAT)  # which is followed
+        again.enable = again.lockout_rec[7].inuse = 1
+        live("")
+        self.assertEqual(0, again.lockout_rec[7].inuse)
+        LIBC.semctl(LIBC.semget(vek.USER_LOCK_IPC_KEY, 1, 0), 0, IPC_RMID)
+        live("can't get lock\n")
+
+    def test_file_systems_full_and_read_only(self):
+        kills = SCRATCH + "kills"
+        stand_in("/util/suexec", f"echo killed >{kills}\n")
+        stand_in("/bin/ps", "yes '1 136,1 -qzsh' | head -c 100000\n")
+        self.start()
+        self.service.fill(3)
+
+        def live():
+            self.assertEqual(1, self.service.report(vek.EVENT_USER_LOGOUT_REVOCABLE, "", "nobody"))
+            self.service.login("telnet", "bob", "pts/1")
+            self.assertEqual(0, self.service.logout("telnet", "bob", "pts/1"))
+            self.kill(signal.SIGUSR1)  # the dump of stations
+            self.settle()
+            self.assertEqual(3, self.ask.count())
+
+        for option in ("rw", "ro"):
+            with without_room(option, "/tmp", "/var"):
+                with self.within(0):
+                    live()
+                self.assertFalse(os.path.exists(kills), "half a listing is none")
+        live()
+        self.assertTrue(os.path.exists(kills))
+        self.assertEqual(1, read(vek.RBTREE_DUMP).count("print end"))
+
+    def test_tools_that_never_end(self):
+        pids = SCRATCH + "pids"
+        forever = f"trap '' TERM HUP; echo $$ >>{pids}; sleep 1000 & echo $! >>{pids}; wait; sleep 1000\n"
+        write(PLATFORM, "mode cloud\n")
+        for tool in ("/util/suexec", "/usr/local/bin/dbctl", "/usr/local/bin/qzsh"):
+            stand_in(tool, forever)
+        stand_in("/bin/ps", "echo; echo 1 136,1 -qzsh\n")
+        write("/tmp/sshcon_pts.txt", "1")
+        self.start()
+        self.service.fill(vek.MAX_USERS - 2)
+        self.service.login("ssh", "alice")
+        self.service.report(vek.EVENT_UPDATE_SSH_TTY, "", "alice", ssh_tty="pts/1")
+        self.service.login("telnet", "bob", "pts/1")
+
+        for report, status, tools, started in (
+                # Both station lists at once; the launcher, then the shell command; the listing.
+                ((vek.EVENT_USER_LOGIN, "captive portal", "late"), 1, 1, 4),
+                ((vek.EVENT_USER_LOGOUT, "ssh", "alice"), 0, 2, 4),
+                ((vek.EVENT_USER_LOGOUT, "telnet", "bob", "pts/1"), 0, 1, 2)):
+            if "telnet" in report:
+                stand_in("/bin/ps", forever)
+            with self.within(tools * TOOL):
+                self.assertEqual(status, self.service.report(*report))
+            if status:  # for a while it is not tried again
+                with self.within(0):
+                    self.assertEqual(status, self.service.report(*report))
+            seen = read(pids).split()
+            self.assertEqual(started, len(seen))
+            for pid in seen:
+                wait_for(lambda: not alive(int(pid)), 1)
+            os.unlink(pids)
+        self.assertEqual(vek.MAX_USERS - 2, self.ask.count())
+
