@@ -1,0 +1,111 @@
+"""shared_test.py: what other programs and the daemon share: the ftp server's table, the lockout table, listings of
+processes, the dump of the portal's stations; whatever those programs put there."""
+import vek
+from device import *
+
+
+class Shared(OnDevice):
+    def setUp(self):
+        super().setUp()
+        # It says whom it was to end, and fails, after which it has to be tried again all the same.
+        stand_in("/util/suexec", f'echo "$@" >>{SCRATCH}commands; exit 3\n')
+
+    def log_out(self, *keys):
+        """Whom a session's end ends."""
+        write(SCRATCH + "commands", "")
+        self.assertEqual(0, self.service.login(*keys))
+        self.assertEqual(0, self.service.logout(*keys))
+        return [int(pid) for pid in re.findall(r"^/bin/kill (.*)\n", read(SCRATCH + "commands"), re.M)]
+
+    def test_the_ftp_servers_table(self):
+        self.start()
+        small = checked(LIBC.shmget(vek.PUREFTP_IPC_SHM_KEY, ctypes.sizeof(vek.ClientTerminateList) - 8, IPC_CREAT))
+        self.assertEqual([], self.log_out("ftp", "user0"))
+        LIBC.shmctl(small, IPC_RMID, None)
+        table, lock = self.ftp_clients()
+        LIBC.semctl(lock, 0, SETVAL, 1)
+
+        def fill(size):
+            table.size = size
+            for i in range(50):
+                table.list[i] = vek.ClientTerminateInformation(100 + i, f"user{i}", "10.0.0.1")
+
+        def log_out(user, ip="10.0.0.1"):
+            """Whom it ends, and how many entries are left."""
+            return self.log_out("ftp", user, "", vek.in4(ip)), table.size
+
+        fill(5)
+        table.list[4].username = "user2"
+        self.assertEqual(([102], 4), log_out("user2"))
+        self.assertEqual(([104], 3), log_out("user2"))
+        self.assertEqual(([103], 2), log_out("user3"))
+        self.assertEqual(([], 2), log_out("user1", "10.0.0.2"))
+        self.assertEqual(([], 2), log_out("user"))
+        for pid in (0, -1, -2 ** 31 + 1):  # whole groups: the entry goes, nobody is ended
+            fill(1)
+            table.list[0].pid = pid
+            self.assertEqual(([], 0), log_out("user0"), pid)
+        for size in (0, 1, 49, 50, 2 ** 32, 2 ** 64 - 1):
+            fill(size)
+            usable = 1 <= size <= 49
+            self.assertEqual(([100] * usable, size - usable), log_out("user0"), size)
+        fill(49)
+        self.assertEqual(([], 49), log_out("user49"), "behind the last")
+        # What has no end is nobody's, also not together with what follows.
+        ctypes.memset(ctypes.addressof(table.list[0]) + vek.ClientTerminateInformation.username.offset, ord("a"), 32)
+        ctypes.memmove(ctypes.addressof(table.list[1]) + vek.ClientTerminateInformation.ipaddr.offset,
+                       b"192.168.100.1000", 16)
+        self.assertEqual(([], 49), log_out("a" * 32 + "10.0.0.1"))
+        self.assertEqual(([], 49), log_out("user1", "192.168.100.100"))
+
+    def test_lockouts_age_at_the_boundary_seconds(self):
+        self.start()
+        table = self.shared(vek.user_lock, vek.USER_LOCK_IPC_KEY)
+        lockout, attempt = table.lockout_rec[1023], table.attempt_rec[1023]
+        # Seconds from now; in use, enabled, and whether the records go.
+        for lockout_at, attempt_at, in_use, enable, go in (
+                (0, -60, 1, 1, True), (1, -59, 7, 1, False), (0, -60, 0, 1, False), (0, -60, 1, 0, False),
+                (-50, 1, 1, -1, True)):  # an attempt in the future counts as old
+            table.enable = enable
+            lockout.inuse = attempt.inuse = in_use
+            lockout.ip = attempt.ip = 7
+            lockout.time, attempt.time = self.now + lockout_at, self.now + attempt_at
+            self.tick(22)
+            self.assertEqual((go, go), (lockout.ip == 0, attempt.ip == 0), lockout_at)
+
+    def test_the_shell_of_a_terminal_in_a_listing(self):
+        self.start()
+        write("/proc/consoles", "ttyS0 -W- (EC p a) 4:64\n")
+        pts3, console = ("telnet", "bob", "pts/3"), ("console", "bob", "console")
+        for listing, terminal, killed in (
+                ("12 136,3 vi\n13 136,33 -qzsh\n14 136,4 -qzsh\n15 4,3 -qzsh\n  16 136,3   -qzsh -x\n", pts3, [16]),
+                ("99999999999999 136,3 -qzsh\n0 136,3 -qzsh\n-5 136,3 -qzsh\nx 136,3 -qzsh\n12 136 -qzsh\n", pts3, []),
+                # The rest of a line, chosen by its user, is no line of its own.
+                (f"7 136,9 {'x' * 247}88 136,3 -qzsh\n9 136,3 -qzsh", pts3, [9]),
+                ("5 4,6 -qzsh\n6 5,64 -qzsh\n7 4,640 -qzsh\n", console, [7])):  # begins with it
+            write(SCRATCH + "listing", "PID TT COMMAND\n" + listing)
+            stand_in("/bin/ps", f"cat {SCRATCH}listing\n")
+            self.assertEqual(killed, self.log_out(*terminal), listing)
+
+    def test_dump_of_stations_is_safe_from_planted_files(self):
+        self.start()
+        for user, mac, since in (("u\n2", "m1", "10"), ("eve", "m", "19"), ("eve", "m", "1")):  # a name forges no line
+            self.service.login("captive portal", user, since, sta_mac=mac, ssid_profile_name="p", auth_time=since,
+                               usr_from=vek.FOREIGN_AUTHENTICATED_USER)
+
+        def dump():
+            self.kill(signal.SIGUSR1)
+            self.settle()
+            return re.sub(r"^.{26}|0x\w+", "", read(vek.RBTREE_DUMP), flags=re.M)  # the time, and where a node is
+
+        whole = ("=== DEBUG_print_tree-117 : print start ===\nu?2-m1(Black) is root\neve-m-1- is m1's left child\n"
+                 "eve-m-19- is m1's right child\n=== DEBUG_print_tree-121 : print end ===\n")
+        self.assertEqual(whole, dump())
+        victim = "/tmp/victim"
+        write(victim, "mine")
+        for plant in (os.symlink, os.link, lambda _, path: os.mkfifo(path)):  # which nobody reads
+            os.unlink(vek.RBTREE_DUMP)
+            plant(victim, vek.RBTREE_DUMP)
+            self.assertEqual(whole, dump(), "replaces whatever is there")
+            self.assertEqual("mine", read(victim))
+
