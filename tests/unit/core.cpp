@@ -134,14 +134,6 @@ std::string sessions()
 	return all;
 }
 
-user_info *session_of(const char *unique)
-{
-	for (user_list *session : userdb_use_list)
-		if (std::strcmp(session->uinfo->unique, unique) == 0)
-			return session->uinfo;
-	return nullptr;
-}
-
 static auto &clients = *new std::vector<client *>; // outlives static ones
 
 client::client(std::uint8_t type)

@@ -43,8 +43,6 @@ in6_addr ip6(const char *address);
 
 // Newest login first, "user@service#unique" each, blanks between.
 std::string sessions();
-// The session of that unique key; null when there is none.
-user_info *session_of(const char *unique);
 
 // A client of user 1, whose connection the daemon has accepted.
 class client {
