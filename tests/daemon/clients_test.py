@@ -23,7 +23,8 @@ class BadInput(OnDevice):
         event = notice(vek.EVENT_USER_LOGIN, "ssh", "bob\n<25>eve\x1b[2J")
         reporting = self.after_bad_numbers("notify", event, (0, 6, 9, 12, 18, 23, 31, 33, 39, -1, INT_MIN, INT_MAX))
         reporting.write(event)
-        self.assertEqual(success, reporting.read(len(success)), "the only answer")
+        self.assertEqual(success, reporting.read(len(success)))
+        self.assertFalse(reporting.pending(), "that is the only answer")
         self.logged("User bob\\x0a<25>eve\\x1b[2J ssh login.")  # a name forges no line
 
         # Text without an end.
@@ -80,13 +81,6 @@ class SlowClients(OnDevice):
         for unique in burst:
             self.assertEqual(0, self.service.login("http/https", "crowd", unique))
             copies.next()
-
-        # All of them in one dispatch. The reader wakes up in the middle of it.
-        def read_late():
-            wait_for(copies.pending)
-            time.sleep(0.2)
-            self.assertEqual(burst, [copies.next().unique for _ in burst])
-
-        late = self.process(read_late)
+        # All of them in one dispatch, during which nobody reads.
         self.assertEqual(1, self.service.report(vek.EVENT_WEB_USER_LOGOUT, "", "crowd"))
-        self.assertEqual(0, exit_status(late.pid))
+        self.assertEqual(burst, [copies.next().unique for _ in burst])

@@ -250,7 +250,7 @@ def set_up_sandbox():
 class OnDevice(unittest.TestCase):
     """A clock that stands still at an uptime, a reader of the system log, a daemon to start with a service and
     somebody who asks connected to it, and the check that nothing is left."""
-    pid = None  # the daemon's
+    pid, output_file = None, ""  # the daemon's
     starts = itertools.count()
 
     def setUp(self):

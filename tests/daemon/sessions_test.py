@@ -11,11 +11,16 @@ class Road(OnDevice):
         road = {"console": {"ip": home}, "ssh": {"ip": home},  # the users have the names of their services
                 "ftp": {"ip6": loopback, "event_flag": vek.EVENT_FLAG_USED_IPV6_ADDR}}
         self.start()
-        subscribers = [Client("request").subscribe() for _ in range(100)]  # to tell all of them takes its time
+        # So many, each as often as it may, that to tell all of them takes its time.
+        subscribers = [Client("request") for _ in range(100)]
+        for subscriber in subscribers:
+            for _ in range(7):
+                subscriber.write(vek.request(vek.LISTEN))
+            subscriber.subscribe()
         for user, address in road.items():
             self.assertEqual(0, self.service.login(user, user, "u", **address))
             self.assertTrue(subscribers[-1].pending(), "a copy is there before the status")
-            for subscriber in subscribers:
+            for subscriber in subscribers * 8:
                 copy = subscriber.next()
                 self.assertEqual((vek.EVENT_USER_LOGIN, user), (copy.event, copy.real_username))
                 self.assertNotEqual(0, copy.attribute, "it is the user database's copy")
@@ -26,7 +31,8 @@ class Road(OnDevice):
             self.assertEqual(names, users(self.ask.query(*query)))
         for user, address in road.items():
             self.assertEqual(0, self.service.logout(user, user, "u", **address))
-            self.assertEqual(vek.EVENT_USER_LOGOUT, subscribers[0].next().event)
+            for _ in range(8):
+                self.assertEqual(vek.EVENT_USER_LOGOUT, subscribers[0].next().event)
             self.assertEqual(1, self.service.logout(user, user, "u", **address), "nobody is left to log out")
         self.assertFalse(subscribers[0].pending())
         self.assertEqual(0, self.ask.count())

@@ -13,8 +13,9 @@ class StartUp(OnDevice):
     def test_obstacles_end_it_and_touch_nobodys_blocks(self):
         self.assertEqual(0, exit_status(self.spawn("-dh")))
         self.assertEqual(f"{VEKD} [-d] [-d] [-h]\n", self.output())
-        os.symlink("/nowhere/at/all", vek.PID_FILE)  # seen as none, and not followed
+        os.symlink(SCRATCH + "elsewhere", vek.PID_FILE)  # seen as none, and not followed
         self.assertEqual(255, exit_status(self.spawn("-dd")))
+        self.assertFalse(os.path.exists(SCRATCH + "elsewhere"))
         self.assertEqual(1, self.output().count("enter debugging mode: level: 2\n"))
         self.assertFalse(blocks_exist())
         os.unlink(vek.PID_FILE)
