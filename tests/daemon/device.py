@@ -304,7 +304,8 @@ class OnDevice(unittest.TestCase):
         self.service, self.ask = Client("notify"), Client("request")
         self.ask.count()
         assert os.getpriority(os.PRIO_PROCESS, self.pid) == 19
-        os.setpriority(os.PRIO_PROCESS, self.pid, 0)
+        with contextlib.suppress(PermissionError):  # of a sandbox whose root is none outside
+            os.setpriority(os.PRIO_PROCESS, self.pid, 0)
 
     def stop(self, number=signal.SIGTERM):
         """The status."""
