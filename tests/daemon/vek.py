@@ -28,18 +28,16 @@ def value_of(expression):
 
 
 def record_of(name, declarations, kind=ctypes.Structure):
-    fields, texts = [], []
+    fields = []
     for union, type_name, field, length, bits in FIELD.findall(declarations):
         field_type = record_of(field, union, ctypes.Union) if union else TYPES[type_name]
-        if length and type_name == "char":
-            field_type = ctypes.c_char
-            texts.append(field)
         if length:
-            field_type *= value_of(length)
+            field_type = (ctypes.c_char if type_name == "char" else field_type) * value_of(length)
         fields.append((field, field_type, int(bits)) if bits else (field, field_type))
     record = type(name, (kind,), {"_fields_": fields})
-    for field in texts:
-        setattr(record, field, Text(getattr(record, field)))
+    for field, field_type, *_ in fields:
+        if getattr(field_type, "_type_", None) is ctypes.c_char:
+            setattr(record, field, Text(getattr(record, field)))
     return record
 
 
