@@ -27,6 +27,7 @@ volatile std::sig_atomic_t vek_need_exit, vek_do_timer, vek_config_change;
 constexpr int SECONDS_GET_CURRENT = 180;
 constexpr int DEFAULT_VEK_NICE_VALUE = 19;
 constexpr int TICKS_PER_10SECONDS_EVENT = 11;
+constexpr int INHERITABLE = 1024; // descriptors, the usual limit of a process
 constexpr char START_LOCK[] = "/var/run/vekd.lock";
 
 static int ticks_since_reread = SECONDS_GET_CURRENT;
@@ -121,7 +122,8 @@ static void vek_fini_binding()
 // ---- the life of the process ----
 
 // What must not depend on who starts us: a socket with the number of a closed standard stream would be
-// overwritten by detaching, and a blocked signal would never come.
+// overwritten by detaching, what else is open is not for the tools that we run, and a blocked signal would
+// never come.
 static void adopt_surroundings()
 {
 	int fd;
@@ -130,6 +132,8 @@ static void adopt_surroundings()
 	while (fd >= 0 && fd <= STDERR_FILENO);
 	if (fd >= 0)
 		close(fd);
+	for (fd = STDERR_FILENO + 1; fd < INHERITABLE; fd++)
+		fcntl(fd, F_SETFD, FD_CLOEXEC);
 	sigset_t none;
 	sigemptyset(&none);
 	sigprocmask(SIG_SETMASK, &none, nullptr);

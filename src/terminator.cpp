@@ -112,7 +112,7 @@ std::optional<listed_shell> match_line(std::string_view line, const terminal_num
 	return shell;
 }
 
-// A fresh listing of all processes with a terminal, or null. An older list and half of one are no list.
+// A fresh listing of all processes with a terminal, or null. An older list is none.
 file list_processes()
 {
 	if (const int fd = vek_open_planted(VEK_PSLIST, O_WRONLY | O_TRUNC); fd >= 0)

@@ -17,7 +17,6 @@ foreach(suite fault child_fault)
 endforeach()
 
 # ---- how it is built ----
-add_test(NAME build.OneThread COMMAND ${VEK_SANDBOX} ${CMAKE_CURRENT_SOURCE_DIR}/one_thread.sh $<TARGET_FILE:vekd>)
 if(CMAKE_BUILD_TYPE STREQUAL Release)
     set(hardened $<TARGET_FILE:vekd> $<TARGET_FILE:vekclient_shared>)
     if(VEK_TOOLS)

@@ -236,9 +236,6 @@ def set_up_sandbox():
     if "scripts/sandbox" not in read("/proc/1/cmdline"):  # not on a real machine
         sys.exit("only inside scripts/sandbox")
     LIBC.prctl(PR_SET_CHILD_SUBREAPER, 1)  # the detached daemon's end can be waited for, and nothing lives on unseen
-    for fd in os.listdir("/proc/self/fd"):
-        with contextlib.suppress(OSError):
-            os.set_inheritable(int(fd), int(fd) < 3)  # what else we were given is not for the daemon
     os.environ["ASAN_OPTIONS"] = f"log_path={SCRATCH}report"
     os.environ["UBSAN_OPTIONS"] = f"print_stacktrace=1:log_path={SCRATCH}report"
     for path in ("/bin/ps", "/proc/uptime", "/proc/consoles"):

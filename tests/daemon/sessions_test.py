@@ -105,6 +105,7 @@ class Day(OnDevice):
         clients, lock = self.ftp_clients((bystanders[2], "ftpp", "10.0.0.7"), (bystanders[3], "ftp", "10.0.0.77"),
                                          (ftp, "ftp", "10.0.0.7"))
         LIBC.semctl(lock, 0, SETVAL, 1)
+        os.set_inheritable(os.open("/dev/null", os.O_RDONLY), True)
         self.start()
         copies = Client("request").subscribe()
         idle = {"idle_timeout_form_acct_flag": 1, "idle_timeout": 60}
@@ -136,7 +137,8 @@ class Day(OnDevice):
             self.assertTrue(alive(pid))
         self.assertEqual(2, clients.size)
 
-        # The daemon's children inherit nothing of it.
+        # The daemon's children inherit nothing of it, or of who started it; it has one thread.
+        self.assertEqual(1, len(os.listdir(f"/proc/{self.pid}/task")))
         self.assertEqual("0\n1\n2\n3\n", read(SCRATCH + "fds"), "3 is the listing's own")
         masks = re.findall(r"^Sig(?:Blk|Ign):\t(\w+)$", read(SCRATCH + "status"), re.M)
         # The C library keeps two of the signals to itself.
