@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <utility>
 #include <vector>
 
 #include "fields.h"
@@ -30,33 +31,6 @@ void show(std::span<const vek_field> fields, const void *record)
 	require(json::parse(text, nullptr, false).size() == fields.size(), "JSON that is none");
 }
 
-void call(int number)
-{
-	user_info sessions[4];
-	vek_event event{};
-	event.event = VEK_EVENT_USER_LOGIN;
-	vek_client *client = (number == 8 ? vek_client_open_notify : vek_client_open_request)(1000);
-	const auto each = [](const user_info *session, void *) {
-		show(user_info_fields, session);
-		return 0;
-	};
-	int found = 0;
-	switch (number) {
-	default: found = vek_client_query_all(client, each, nullptr); break;
-	case 3: found = vek_client_query_ip6_first(client, &in6addr_any, each, nullptr); break;
-	case 4: found = vek_client_fetch_all(client, sessions, std::size(sessions)); break;
-	case 5: vek_client_count(client); break;
-	case 6:
-		if (vek_client_subscribe(client) == 0)
-			while (vek_client_next(client, &event) == 1)
-				show(vek_event_fields, &event);
-		break;
-	case 8: found = vek_client_report(client, &event); break;
-	}
-	require(found >= -1 && found <= VEK_MAX_USERS, "an answer that cannot be");
-	vek_client_close(client);
-}
-
 } // namespace
 
 // Every connection is to a peer that has said its part already and says no more.
@@ -78,15 +52,36 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 		return 0;
 	const int number = *data % 9;
 	const bytes all{data + 1, size - 1};
-	const std::size_t first = number == 7 ? all.size() / 2 : all.size();
-	to_say[0] = all.first(first);
-	to_say[1] = all.subspan(first);
-	if (number == 7)
-		vek_client_end_service("ssh", 1000);
-	else
-		call(number);
-	for (const int peer : peers)
+	to_say[0] = all.first(number == 7 ? all.size() / 2 : all.size());
+	to_say[1] = all.subspan(to_say[0].size());
+
+	user_info room[4];
+	vek_event event{};
+	event.event = VEK_EVENT_USER_LOGIN;
+	const auto each = [](const user_info *session, void *) {
+		show(user_info_fields, session);
+		return 0;
+	};
+	vek_client *client = nullptr;
+	if (number != 7)
+		client = (number == 8 ? vek_client_open_notify : vek_client_open_request)(1000);
+	int found = 0;
+	switch (number) {
+	default: found = vek_client_query_all(client, each, nullptr); break;
+	case 3: found = vek_client_query_ip6_first(client, &in6addr_any, each, nullptr); break;
+	case 4: found = vek_client_fetch_all(client, room, std::size(room)); break;
+	case 5: vek_client_count(client); break;
+	case 6:
+		if (vek_client_subscribe(client) == 0)
+			while (vek_client_next(client, &event) == 1)
+				show(vek_event_fields, &event);
+		break;
+	case 7: found = vek_client_end_service("ssh", 1000); break;
+	case 8: found = vek_client_report(client, &event); break;
+	}
+	require(found >= -1 && found <= VEK_MAX_USERS, "an answer that cannot be");
+	vek_client_close(client);
+	for (const int peer : std::exchange(peers, {}))
 		close(peer);
-	peers.clear();
 	return 0;
 }

@@ -2,8 +2,8 @@
 # service.sh VEKD VEKCTL PACKAGING: the init script's whole life in a sandbox, with what a crash leaves behind, and the
 # daemon at work with no more rights than the unit leaves it.
 set -euo pipefail
-vekd=$1 vekctl=$2 packaging=$3
-export DAEMON=$vekd VEKD_PID=$packaging/vekd-pid
+vekctl=$2 packaging=$3
+export DAEMON=$1 VEKD_PID=$packaging/vekd-pid
 export PATH=$PATH:/usr/sbin:/sbin
 
 fail() { echo "service.sh: $*" >&2; exit 1; }
@@ -30,7 +30,7 @@ expect 0 status 0 reload 0 restart
 
 # Killed: the pid file stays, also when its number has become another's.
 kill -KILL "$(daemon_pid)"
-while kill -0 "$(daemon_pid)" 2>/dev/null; do sleep 0.05; done
+timeout 10 tail -f --pid "$(daemon_pid)" /dev/null
 expect 1 status 0 start 0 stop
 for left in $$ 999999999 '' -1 'no number'; do
 	printf %s "$left" >/var/run/vekd.pid
@@ -57,14 +57,10 @@ setting() { sed -n "s/^$1=//p" "$packaging/vekd.service"; }
 unshare --mount bash -euc '
 	for path in /var $1; do mount --rbind "$path" "$path"; done
 	mount -o remount,bind,ro /var
-	umask "$4"
-	exec setpriv --bounding-set "-all$2" --no-new-privs "$3"
-' - "$(setting ReadWritePaths)" "$(setting CapabilityBoundingSet | tr A-Z a-z | sed 's/ *cap_/,+/g')" "$vekd" \
-	"$(setting UMask)"
-for ((i = 0; i < 100; i++)); do
-	"$VEKD_PID" running >/dev/null && break
-	sleep 0.05
-done
+	umask "$3"
+	exec setpriv --bounding-set "-all$2" --no-new-privs "$4" start
+' - "$(setting ReadWritePaths)" "$(setting CapabilityBoundingSet | tr A-Z a-z | sed 's/ *cap_/,+/g')" \
+	"$(setting UMask)" "$packaging/vekd.init"
 [[ $(grep CapBnd "/proc/$(daemon_pid)/status") != "$(grep CapBnd /proc/self/status)" ]] || fail "it kept all rights"
 
 for report in login logout; do
