@@ -127,25 +127,21 @@ struct telling {
 		});
 		return all;
 	}
-	// In the order of the answer. With ip6, by IPv6 address.
-	std::vector<int> find(const char *service, const char *name, u32 ip, const in6_addr *ip6,
-			      const char *unique) const
+	// By the keys that a query or an event names, in the order of the answer.
+	std::vector<int> find(const vek_event &q) const
 	{
-		const int by = ip6 != nullptr ? IP6 : ip != 0 ? IP : NAME;
-		const bool by_mac = by == NAME && *name == '\0' && contains_mac(unique);
+		const int by = is6(q) ? IP6 : q.ip != 0 ? IP : NAME;
+		const bool by_mac = by == NAME && *q.username == '\0' && contains_mac(q.unique);
 		std::vector<int> found;
 		std::ranges::copy_if(order, std::back_inserter(found), [&](int slot) {
 			const user_info &s = records[slot];
-			return (by != IP6 || IN6_ARE_ADDR_EQUAL(&s.ip6, ip6)) && (by != IP || s.ip == ip) &&
-			       (*name == '\0' || is(s.username, name)) &&
-			       (*service == '\0' || is(s.service, service)) &&
-			       (*unique == '\0' || is(by_mac ? s.sta_mac : s.unique, unique));
+			return (by != IP6 || IN6_ARE_ADDR_EQUAL(&s.ip6, &q.ip6)) &&
+			       (by != IP || s.ip == q.ip) &&
+			       (*q.username == '\0' || is(s.username, q.username)) &&
+			       (*q.service == '\0' || is(s.service, q.service)) &&
+			       (*q.unique == '\0' || is(by_mac ? s.sta_mac : s.unique, q.unique));
 		});
 		return sorted(by, found);
-	}
-	std::vector<int> find(const vek_event &e) const
-	{
-		return find(e.service, e.username, is6(e) ? 0 : e.ip, is6(e) ? &e.ip6 : nullptr, e.unique);
 	}
 	std::vector<int> stations() const
 	{
@@ -489,15 +485,17 @@ struct telling {
 	}
 	int traffic(const vek_event &e)
 	{
-		const bool console = !is6(e) && e.ip == ADDR_NAME_CONSOLE;
-		return update(find("", "", is6(e) || console ? 0 : e.ip, is6(e) ? &e.ip6 : nullptr,
-				   console ? "console" : ""),
-			      [&](user_info &s, int slot) {
-				      if (s.idle_time == 0 || exempt(s))
-					      return;
-				      s.idle_time = idle_from_now(s);
-				      place(IDLE, slot);
-			      });
+		vek_event query = vek_new_event(0);
+		if (!is6(e) && e.ip == ADDR_NAME_CONSOLE)
+			copy_text(query.unique, "console");
+		else
+			share(query, e, {"ip", "ip6", "event_flag"});
+		return update(find(query), [&](user_info &s, int slot) {
+			if (s.idle_time == 0 || exempt(s))
+				return;
+			s.idle_time = idle_from_now(s);
+			place(IDLE, slot);
+		});
 	}
 	void config_change()
 	{
@@ -582,7 +580,9 @@ struct telling {
 	{
 		int stopped = 0;
 		const auto update_by_ip = [&](auto change) {
-			stopped = update(find(e.service, e.username, e.ip, nullptr, e.unique), change);
+			vek_event query = e;
+			query.event_flag = 0;
+			stopped = update(find(query), change);
 		};
 		switch (e.event) {
 		case 1:
