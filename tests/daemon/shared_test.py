@@ -20,6 +20,8 @@ class Shared(OnDevice):
     def test_the_ftp_servers_table(self):
         self.start()
         small = checked(LIBC.shmget(vek.PUREFTP_IPC_SHM_KEY, ctypes.sizeof(vek.ClientTerminateList) - 8, IPC_CREAT))
+        table = vek.ClientTerminateList.from_address(checked(LIBC.shmat(small, None, 0)))
+        table.size, table.list[0] = 1, vek.ClientTerminateInformation(100, "user0", "0.0.0.0")
         self.assertEqual([], self.log_out("ftp", "user0"))
         LIBC.shmctl(small, IPC_RMID, None)
         table, lock = self.ftp_clients()
@@ -45,7 +47,7 @@ class Shared(OnDevice):
             fill(1)
             table.list[0].pid = pid
             self.assertEqual(([], 0), log_out("user0"), pid)
-        for size in (0, 1, 49, 50, 2 ** 32, 2 ** 64 - 1):
+        for size in (0, 1, 49, 50, 2 ** 32 + 1, 2 ** 64 - 1):
             fill(size)
             usable = 1 <= size <= 49
             self.assertEqual(([100] * usable, size - usable), log_out("user0"), size)
@@ -65,7 +67,7 @@ class Shared(OnDevice):
         # Seconds from now; in use, enabled, and whether the records go.
         for lockout_at, attempt_at, in_use, enable, go in (
                 (0, -60, 1, 1, True), (1, -59, 7, 1, False), (0, -60, 0, 1, False), (0, -60, 1, 0, False),
-                (-50, 1, 1, -1, True)):  # an attempt in the future counts as old
+                (-50, 1, 7, -1, True)):  # an attempt in the future counts as old
             table.enable = enable
             lockout.inuse = attempt.inuse = in_use
             lockout.ip = attempt.ip = 7
@@ -78,7 +80,7 @@ class Shared(OnDevice):
         write("/proc/consoles", "ttyS0 -W- (EC p a) 4:64\n")
         pts3, console = ("telnet", "bob", "pts/3"), ("console", "bob", "console")
         for listing, terminal, killed in (
-                ("12 136,3 vi\n13 136,33 -qzsh\n14 136,4 -qzsh\n15 4,3 -qzsh\n  16 136,3   -qzsh -x\n", pts3, [16]),
+                ("12 136,3 vi qzsh\n13 136,33 -qzsh\n14 136,4 -qzsh\n15 4,3 -qzsh\n  16 136,3   -qzsh -x\n", pts3, [16]),
                 ("99999999999999 136,3 -qzsh\n0 136,3 -qzsh\n-5 136,3 -qzsh\nx 136,3 -qzsh\n12 136 -qzsh\n", pts3, []),
                 # The rest of a line, chosen by its user, is no line of its own.
                 (f"7 136,9 {'x' * 247}88 136,3 -qzsh\n9 136,3 -qzsh", pts3, [9]),

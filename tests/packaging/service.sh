@@ -32,7 +32,9 @@ expect 0 status 0 reload 0 restart
 kill -KILL "$(daemon_pid)"
 timeout 10 tail -f --pid "$(daemon_pid)" /dev/null
 expect 1 status 0 start 0 stop
-for left in $$ 999999999 '' -1 'no number'; do
+cp /bin/sleep "/tmp/${DAEMON##*/}" # a user's program of that name
+setpriv --reuid 65534 --clear-groups "/tmp/${DAEMON##*/}" 300 &
+for left in $$ $! 999999999 '' -1 'no number'; do
 	printf %s "$left" >/var/run/vekd.pid
 	expect 1 status 0 start 0 status 0 stop
 done
