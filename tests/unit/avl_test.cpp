@@ -9,20 +9,21 @@
 #include <random>
 
 #include "avl.h"
-#include "fake_platform.h"
+#include "faults.h"
 #include "invariants.h"
 
 namespace {
 
+int parameter; // of every comparison
 int compare(const void *a, const void *b, void *param)
 {
-	EXPECT_EQ(&fake, param);
+	EXPECT_EQ(&parameter, param);
 	const int x = *static_cast<const int *>(a), y = *static_cast<const int *>(b);
 	return x < y ? -5 : x > y;
 }
 
 struct Avl : testing::Test {
-	avl_table *table = avl_create(compare, &fake, nullptr);
+	avl_table *table = avl_create(compare, &parameter, nullptr);
 	std::deque<int> items;
 
 	~Avl() override { avl_destroy(table, nullptr); }
@@ -92,20 +93,20 @@ TEST_F(Avl, ACopyIsExactOrNothing) // and leaks nothing, as the sanitizer build 
 		return copy != nullptr ? std::memcpy(copy, original, sizeof(int)) : nullptr;
 	};
 	const auto destroy_item = [](void *copy, void *param) {
-		EXPECT_EQ(&fake, param);
+		EXPECT_EQ(&parameter, param);
 		std::free(copy);
 	};
-	constexpr int needed = 1 + 2 * 22; // the header, and each node with its item
-	for (int n = 0; n <= needed; ++n) {
-		fake.allocations_left = n;
-		avl_table *copy = avl_copy(table, copy_item, destroy_item, nullptr);
-		fake.allocations_left = -1;
-		ASSERT_EQ(n == needed, copy != nullptr) << n;
-		if (copy != nullptr) {
-			EXPECT_EQ("", check_avl(copy)); // order and number of the items, too
-			avl_destroy(copy, destroy_item);
-		}
-	}
+	avl_table *copy = nullptr;
+	const auto check = [&](bool failed) {
+		ASSERT_EQ(failed, copy == nullptr);
+		if (failed)
+			return;
+		EXPECT_EQ("", check_avl(copy)); // order and number of the items, too
+		avl_destroy(copy, destroy_item);
+	};
+	exhaust(
+	    {"alloc", ENOMEM}, [] {}, [&] { copy = avl_copy(table, copy_item, destroy_item, nullptr); },
+	    check);
 }
 
 TEST_F(Avl, AViolatedConditionStopsTheProgram)

@@ -15,8 +15,6 @@
 #include "terminator.h"
 #include "vek_event.h"
 
-int *const allocations_left = nullptr; // memory is no matter here
-
 // What needs a child to read something, to end a session's processes or to make room is done without it.
 TEST(FaultyChild, CannotBeMade)
 {

@@ -1,4 +1,4 @@
-// fake_platform.cpp: the six platform functions, the wall clock, memory and the child processes, recorded.
+// fake_platform.cpp: the six platform functions, the wall clock and the child processes, recorded.
 // See fake_platform.h.
 #include "fake_platform.h"
 
@@ -18,19 +18,6 @@ std::time_t time(std::time_t *result) noexcept
 	if (result != nullptr)
 		*result = fake.wall_clock;
 	return fake.wall_clock;
-}
-
-// The linker sends the daemon's calls here (--wrap).
-void *__real_malloc(std::size_t size);
-void *__real_calloc(std::size_t count, std::size_t size);
-void *__wrap_malloc(std::size_t size)
-{
-	return fake.allocations_left >= 0 && fake.allocations_left-- == 0 ? nullptr : __real_malloc(size);
-}
-void *__wrap_calloc(std::size_t count, std::size_t size)
-{
-	return fake.allocations_left >= 0 && fake.allocations_left-- == 0 ? nullptr
-									  : __real_calloc(count, size);
 }
 
 int qzlog_init(void) { return 0; }

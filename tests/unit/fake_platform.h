@@ -28,7 +28,6 @@ struct fake_platform {
 	int child_status = 0;                                 // of what is run, and not read through a pipe
 	int failing_pipe = -1;                                // the n-th vek_pipe::start from now on fails
 	std::time_t wall_clock = 1700000000;                  // what time() says
-	int allocations_left = -1; // of the daemon's code, before one fails; that one sets -1 again
 
 	// recorded
 	std::vector<fake_log> logs;

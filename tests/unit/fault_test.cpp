@@ -19,12 +19,10 @@
 #include "listener.h"
 #include "misc.h"
 
-int *const allocations_left = &fake.allocations_left;
-
 namespace {
 
 constexpr keys ALICE{"captive portal", "alice", "1", 7};
-constexpr fault NO_MEMORY{"memory", ENOMEM};
+constexpr fault NO_MEMORY{"alloc", ENOMEM};
 
 void clean() { EXPECT_EQ("", check_invariants()); }
 

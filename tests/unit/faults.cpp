@@ -21,11 +21,9 @@ fault wanted;
 int left; // calls until it fails; 0: not armed
 bool fired;
 
-bool is_memory() { return std::strcmp(wanted.call, "memory") == 0; }
-
 bool fails(const char *call)
 {
-	if (left == 0 || std::strncmp(call, wanted.call, std::strlen(wanted.call)) != 0)
+	if (left == 0 || std::strstr(call, wanted.call) == nullptr)
 		return false;
 	if (left > 1) {
 		left--;
@@ -52,6 +50,8 @@ int open_descriptors()
 		return fails(#name) ? failure : __real_##name arguments;                                     \
 	}
 
+WRAP(void *, malloc, (std::size_t size), (size), nullptr)
+WRAP(void *, calloc, (std::size_t count, std::size_t size), (count, size), nullptr)
 WRAP(int, accept4, (int fd, sockaddr *peer, socklen_t *size, int flags), (fd, peer, size, flags), -1)
 WRAP(ssize_t, send, (int fd, const void *data, std::size_t size, int flags), (fd, data, size, flags), -1)
 WRAP(ssize_t, sendmsg, (int fd, const msghdr *message, int flags), (fd, message, flags), -1)
@@ -82,16 +82,10 @@ void inject(const fault &fault, int n)
 	wanted = fault;
 	fired = false;
 	left = n;
-	if (is_memory())
-		*allocations_left = n - 1;
 }
 
 bool heal()
 {
-	if (is_memory() && left != 0) {
-		fired = *allocations_left < 0;
-		*allocations_left = -1;
-	}
 	left = 0;
 	return fired;
 }

@@ -8,7 +8,7 @@
 #include <vector>
 
 struct fault {
-	const char *call;     // what the name begins with, or "memory": any allocation (never lasting)
+	const char *call;     // a part of the name: "alloc" is malloc and calloc
 	int error;            // the errno it fails with
 	bool lasting = false; // all later ones fail too
 };
@@ -24,8 +24,4 @@ bool heal();
 // be left open.
 void exhaust(const fault &fault, const std::function<void()> &prepare, const std::function<void()> &act,
 	     const std::function<void(bool failed)> &check);
-
-// The recording platform's count of allocations, where there is one: each executable says so.
-extern int *const allocations_left;
-
 #endif

@@ -1,7 +1,7 @@
 #!/bin/bash
 # The README shows what scripts/demo really prints, but for times and process ids.
 set -euo pipefail
-cd "$(dirname "$0")/../.."
+cd "$(dirname "$0")/.."
 
 normal()
 {
