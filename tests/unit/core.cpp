@@ -204,7 +204,13 @@ std::string client::take()
 }
 
 // The daemon waits for a client to read: it is the clients' turn. For one that does not read, the wait is
-// over without its time having to pass.
+// over without its time having to pass; and none passes for it while others read, however busy the machine
+// is.
+extern "C" int __wrap_clock_gettime(clockid_t, timespec *now)
+{
+	*now = {};
+	return 0;
+}
 extern "C" int __wrap_poll(pollfd *, nfds_t, int)
 {
 	const bool received = std::ranges::any_of(clients, &client::receive);
