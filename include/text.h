@@ -14,4 +14,13 @@ template <std::size_t N> void copy_text(char (&field)[N], const char *text)
 	std::memset(field + length, 0, N - length);
 }
 
+// Puts a question mark in the place of each control character, for text that users chose and that is printed:
+// it can then neither end a line nor steer a terminal.
+inline void mask_controls(char *text)
+{
+	for (; *text != '\0'; text++)
+		if (static_cast<unsigned char>(*text) < ' ' || *text == 0x7f)
+			*text = '?';
+}
+
 #endif

@@ -165,6 +165,7 @@ std::uint32_t logged_address(std::uint32_t ip) { return ip == NO_ADDRESS ? 0 : i
 void emit(qzlog_entry &entry, const char *function, std::uint32_t sip, std::uint32_t dip)
 {
 	if (debug) {
+		mask_controls(entry.message);
 		std::fprintf(stderr, "%s: User %u.%u.%u.%u: %s\n", function, NIPQUAD(sip), entry.message);
 		return;
 	}

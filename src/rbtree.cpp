@@ -493,9 +493,7 @@ struct printable {
 	explicit printable(const char *source)
 	{
 		copy_text(text, source);
-		for (char *c = text; *c; c++)
-			if (static_cast<unsigned char>(*c) < ' ' || *c == 0x7f)
-				*c = '?';
+		mask_controls(text);
 	}
 	char text[64];
 };

@@ -112,9 +112,9 @@ TEST(Log, LongTextIsCutOrDroppedAndDebugModePrintsIt)
 	EXPECT_EQ(7, VEK_LOG6(&in6addr_any, &in6addr_any, "u", "%.1023s", text.c_str())) << "the platform's";
 	debug = 1;
 	testing::internal::CaptureStderr();
-	dispatch(VEK_EVENT_USER_SOCIAL_LOGIN_STAGE2, {"ssh", "%s%n", "", ip4("10.0.0.1")});
+	dispatch(VEK_EVENT_USER_SOCIAL_LOGIN_STAGE2, {"ssh", "%s%n\n\x1b[2J", "", ip4("10.0.0.1")});
 	debug = 0;
-	EXPECT_EQ("logger_handle_login: User 10.0.0.1: User %s%n ssh login.\n",
+	EXPECT_EQ("logger_handle_login: User 10.0.0.1: User %s%n??[2J ssh login.\n",
 		  testing::internal::GetCapturedStderr());
 }
 
