@@ -101,6 +101,16 @@ class Hostile(OnDevice):
             self.assertEqual(1000, len(waits.of(ask.query, "all")))
         self.assertLess(waits.percentile(100), 1500 * SLOWER)
 
+    def test_a_service_that_is_slow_time_and_again_is_waited_for(self):
+        self.start()
+        self.service.fill(1000)
+        size = ctypes.sizeof(vek.event) + 1000 * ctypes.sizeof(vek.user_info)
+        slow = Client("request")
+        for _ in range(12):
+            slow.write(vek.request(vek.QUERY_ALL))
+            time.sleep(0.15)
+            self.assertEqual(size, len(slow.read(size)))
+
     @unittest.skipUnless(NOBODY, "no second user in this sandbox")
     def test_silent_connections_shut_services_out_only_of_their_kind(self):
         self.start()
