@@ -123,17 +123,6 @@ in6_addr ip6(const char *address)
 	return result;
 }
 
-std::string sessions()
-{
-	std::string all;
-	for (const user_list *session : userdb_use_list) {
-		const user_info &info = *session->uinfo;
-		all += (all.empty() ? "" : " ") + std::string(info.username) + "@" + info.service + "#" +
-		       info.unique;
-	}
-	return all;
-}
-
 static auto &clients = *new std::vector<client *>; // outlives static ones
 
 client::client(std::uint8_t type)

@@ -41,9 +41,6 @@ void set_ip6(vek_event &event, const char *address); // and the flag that says s
 std::uint32_t ip4(const char *address);
 in6_addr ip6(const char *address);
 
-// Newest login first, "user@service#unique" each, blanks between.
-std::string sessions();
-
 // A client of user 1, whose connection the daemon has accepted.
 class client {
 public:
