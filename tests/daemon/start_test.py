@@ -1,7 +1,7 @@
 """start_test.py: starts: with something in the way, beside a daemon that runs, and after a kill at any point of its
 work, by the way of the unit and the init script (VEKD_PID names the helper of both, unless it is this tree's).
 RESTARTS: how many kills (20); RESTART_SEED: another run of the same."""
-import random
+import fcntl, random
 
 import vek
 from device import *
@@ -52,6 +52,17 @@ class StartUp(OnDevice):
             pid = int(read(vek.PID_FILE))
             os.kill(pid, signal.SIGTERM)
             wait_for(lambda: not alive(pid))
+
+    def test_end_waits_for_anothers_start(self):
+        """Which could take over the blocks that the end removes."""
+        self.start()
+        with open("/var/run/vekd.lock") as starting:
+            fcntl.flock(starting, fcntl.LOCK_EX)
+            self.kill(signal.SIGTERM)
+            for _ in lasting(0.2):
+                self.assertTrue(blocks_exist() and os.path.exists(vek.PID_FILE))
+        self.assertEqual(0, exit_status(self.pid))
+        self.pid = None
 
     def test_second_start_leaves_the_first_alone(self):
         self.start()
