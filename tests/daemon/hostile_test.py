@@ -39,11 +39,11 @@ def flood_unknown_numbers():
         asking.write(vek.request(number))
 
 
-def never_read(method, pause):
-    """Asks, or subscribes, and never reads."""
-    one = Client("request")
+def never_read(kind, record, pause):
+    """Asks, subscribes or reports, and never reads."""
+    one = Client(kind)
     while True:
-        one.write(vek.request(method))
+        one.write(record)
         time.sleep(pause)
 
 
@@ -63,8 +63,10 @@ class Hostile(OnDevice):
         self.service.fill(1000)
         silent = PLACES if NOBODY else PLACES // 2  # for user 0, places are left free
         others = [self.process(hostile, NOBODY, *way) for way in (
-            (stay_silent, silent), (send_halves,), (flood_unknown_numbers,), (never_read, vek.QUERY_ALL, 0.001),
-            (read_late,), (read_late,), (never_read, vek.LISTEN, 0.1))]
+            (stay_silent, silent), (send_halves,), (flood_unknown_numbers,), (read_late,), (read_late,),
+            (never_read, "request", vek.request(vek.QUERY_ALL), 0.001),
+            (never_read, "notify", notice(vek.EVENT_USER_LOGOUT, "ssh", "nobody"), 0.001),
+            (never_read, "request", vek.request(vek.LISTEN), 0.1))]
         waits, warm = Waits(), False
         for i, passed in enumerate(lasting(setting("HOSTILE_SECONDS", 10))):
             if not warm and passed > 2:  # the first shut-downs are over
@@ -86,9 +88,10 @@ class Hostile(OnDevice):
         self.assertLess(waits.percentile(100), 1500 * SLOWER)
         self.assertTrue(all(other.is_alive() for other in others))
         end(*others)
-        self.assertGreater(self.output().count("did not read"), 2)
+        for what in ("request", "notify"):
+            self.assertRegex(self.output(), f"shut down {what} .* did not read")
         self.assertEqual(1000, self.ask.count())
-        wait_for(lambda: self.settle() or self.descriptors() < 16)  # or something of them stays
+        wait_for(lambda: self.settle() or self.descriptors() < 16, 60)  # or something of them stays
 
     def test_late_readers_put_nobody_off(self):
         self.start()
@@ -113,7 +116,16 @@ class Hostile(OnDevice):
 
     @unittest.skipUnless(NOBODY, "no second user in this sandbox")
     def test_silent_connections_shut_services_out_only_of_their_kind(self):
+        def keep_asking():
+            os.setuid(NOBODY)
+            one = Client("request")
+            while True:
+                one.count()
+
         self.start()
+        before = self.descriptors()
+        asking = self.process(keep_asking)
+        wait_for(lambda: self.descriptors() > before)
         self.process(hostile, NOBODY, stay_silent, PLACES + 50)
         wait_for(lambda: self.descriptors() >= 128)
 
@@ -129,6 +141,7 @@ class Hostile(OnDevice):
         # 0 want more places than there are.
         services = [Client("notify") for _ in range(40)]
         self.assertEqual([0] * 40, [service.login("ssh", "root") for service in services])
+        self.assertTrue(asking.is_alive(), "is not silent, and keeps its place")
         others = [Client("request") for _ in range(PLACES + 50)]
         self.assertEqual([0] * 40, [service.login("ssh", "again") for service in services])
         del others

@@ -68,6 +68,12 @@ class Road(OnDevice):
         os.mkfifo(vek.LOGOUT_DEFER_TIME)  # not opened, which could take for ever
         takes(vek.DEFAULT_LOGOUT_DEFER_TIME)
 
+        # As many wait as there can be sessions; one more is carried out at once.
+        self.service.login("ssh", "alice")
+        for user in ["nobody"] * vek.MAX_USERS + ["alice"]:
+            self.assertEqual(user == "nobody", self.service.report(vek.EVENT_USER_LOGOUT_REVOCABLE, "ssh", user))
+        self.assertEqual(0, self.ask.count())
+
 
 class FullPool(OnDevice):
     def test_refuses_displaces_and_cleans_up(self):

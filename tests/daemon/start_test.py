@@ -117,6 +117,7 @@ class Restart(OnDevice):
             self.assertEqual((3, 0), (config.max_idle_minute, config.enable_idle_detection))
             self.assertEqual(0, self.service.login("ssh", "alice"))
             self.assertEqual(["alice"], users(self.ask.query("all")))
+        self.assertIn("captive portal login.", log_lines(), "there was no load")
         starts.print("from the start to the first answer")
         self.assertLess(starts.percentile(50), 50 * SLOWER)
         self.assertLess(starts.percentile(90), 500 * SLOWER)  # it starts with a low priority beside whatever runs

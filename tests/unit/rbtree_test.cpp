@@ -86,6 +86,10 @@ TEST_F(Rbtree, CleanUpReadsBothListingsWithinItsBounds)
 	dispatch(portal("u", "aa:aa:aa:aa:aa:aa", "SSID1", "1"));
 	fake.station_macs.assign(3000, "bb:bb:bb:bb:bb:bb and what is longer than the place for it\n");
 	fake.station_times = {"1\n"}; // the last line stands for the rest
+	fake.mac = "02:00; reboot";
+	kickout_not_in_redis_portal_user();
+	EXPECT_TRUE(fake.commands.empty()) << "no part of a command line";
+	fake.mac = "02:00:00:00:00:01";
 	for (const int failing : {0, 1, -1}) {
 		EXPECT_EQ(1, vek_users) << "half an answer ends nobody";
 		fake.commands.clear();
