@@ -1,4 +1,4 @@
-// misc.h: small helpers shared by the modules: memory, the clock, System V blocks and locks by key, text,
+// misc.h: small helpers shared by the modules: memory, clocks, System V blocks and locks by key, text,
 // files that others may have planted, and child processes with a time limit.
 #ifndef MISC_H
 #define MISC_H
@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <ctime>
 
 #include "text.h"
 
@@ -18,6 +19,10 @@ char *vek_strdup(const char *text); // released with vek_free
 
 // Seconds since boot, whole, from /proc/uptime; from CLOCK_BOOTTIME when that cannot be read.
 unsigned long uptime();
+
+// For the limits of waits: milliseconds of a clock that nobody sets, and a span of them as calls take it.
+std::int64_t monotonic_ms();
+timespec timespec_of(std::int64_t ms);
 
 // Attaches an existing segment of that key read-write; put_shm detaches it. With `size` the segment must be
 // at least that long. When it cannot be found or attached, prints "Can't get shm!" and returns null.

@@ -15,17 +15,11 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <ctime>
+
+#include "misc.h"
 
 namespace {
 constexpr int NOT_STARTED = 127 << 8; // exit status 127, as waitpid gives it
-
-std::int64_t monotonic_ms()
-{
-	timespec now;
-	clock_gettime(CLOCK_MONOTONIC, &now);
-	return now.tv_sec * INT64_C(1000) + now.tv_nsec / 1'000'000;
-}
 
 sigset_t child_signal()
 {
@@ -99,9 +93,7 @@ bool reap(pid_t pid, std::int64_t deadline, int *status)
 		const std::int64_t left = deadline - monotonic_ms();
 		if (left <= 0)
 			return false;
-		timespec wait;
-		wait.tv_sec = static_cast<time_t>(left / 1000);
-		wait.tv_nsec = static_cast<long>(left % 1000) * 1'000'000;
+		const timespec wait = timespec_of(left);
 		sigtimedwait(&set, nullptr, &wait);
 	}
 }

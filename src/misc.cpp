@@ -14,18 +14,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 
 namespace {
 constexpr int PERMISSIONS = 0666;
-constexpr std::int64_t SEMOP_LIMIT_NS = 1'000'000'000;
-
-std::int64_t monotonic_ns()
-{
-	timespec now;
-	clock_gettime(CLOCK_MONOTONIC, &now);
-	return now.tv_sec * INT64_C(1'000'000'000) + now.tv_nsec;
-}
+constexpr std::int64_t SEMOP_LIMIT_MS = 1000;
 
 // As much of a file as fits, terminated. Its length or -1.
 ssize_t read_text(int fd, char *buffer, std::size_t size)
@@ -109,6 +101,21 @@ unsigned long uptime()
 	return static_cast<unsigned long>(now.tv_sec);
 }
 
+std::int64_t monotonic_ms()
+{
+	timespec now;
+	clock_gettime(CLOCK_MONOTONIC, &now);
+	return now.tv_sec * INT64_C(1000) + now.tv_nsec / 1'000'000;
+}
+
+timespec timespec_of(std::int64_t ms)
+{
+	timespec span;
+	span.tv_sec = static_cast<time_t>(ms / 1000);
+	span.tv_nsec = static_cast<long>(ms % 1000) * 1'000'000;
+	return span;
+}
+
 void *vek_attach_shm(key_t key, std::size_t size)
 {
 	// The look-up itself refuses a segment that is shorter than `size`.
@@ -156,12 +163,9 @@ int vek_create_sem(key_t key, const char *exists, const char *failure)
 int vek_semop(int id, int change, bool may_wait)
 {
 	sembuf operation{0, static_cast<short>(change), SEM_UNDO};
-	const std::int64_t deadline = monotonic_ns() + (may_wait ? SEMOP_LIMIT_NS : 0);
+	const std::int64_t deadline = monotonic_ms() + (may_wait ? SEMOP_LIMIT_MS : 0);
 	for (;;) {
-		const std::int64_t left = std::max<std::int64_t>(0, deadline - monotonic_ns());
-		timespec wait;
-		wait.tv_sec = static_cast<time_t>(left / 1'000'000'000);
-		wait.tv_nsec = static_cast<long>(left % 1'000'000'000);
+		const timespec wait = timespec_of(std::max<std::int64_t>(0, deadline - monotonic_ms()));
 		if (semtimedop(id, &operation, 1, &wait) == 0)
 			return 0;
 		if (errno != EINTR) // the one-second tick must not turn into a failure
