@@ -12,7 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <ctime>
+#include <optional>
 
 #include "daemon.h"
 #include "listener.h"
@@ -40,47 +40,40 @@ constexpr std::int64_t MIN_PASS_MS = 100;
 constexpr std::int64_t REGROWTH = 4; // milliseconds until one of patience is back
 constexpr int FITS_AT_ONCE = 100;    // records of an answer that any client's empty buffer takes
 
-std::int64_t now_ms()
-{
-	timespec now;
-	clock_gettime(CLOCK_MONOTONIC, &now);
-	return now.tv_sec * 1000LL + now.tv_nsec / 1000000;
-}
-
 class ration {
 public:
 	void begin_pass()
 	{
 		if (patience_ms_ < PATIENCE_MS)
-			regrow(now_ms());
+			regrow(monotonic_ms());
 		left_ms_ = std::max(patience_ms_, MIN_PASS_MS);
 	}
 	bool allows_a_long_answer() const { return left_ms_ >= MIN_PASS_MS; }
 
-	// Waits until the client takes bytes again, but no longer than the pass has left. Whether it does;
-	// `waited` is added to.
-	bool wait_for(int fd, std::int64_t *waited)
+	// Waits until a client takes bytes again for which we have been waiting on and off since then, but no
+	// longer in all than the pass has left. Whether it does.
+	bool wait_for(int fd, std::int64_t since) const
 	{
-		const std::int64_t start = now_ms();
-		const std::int64_t deadline = start + left_ms_;
-		std::int64_t now = start;
-		bool writable = false;
-		while (!writable && now < deadline) {
+		const std::int64_t deadline = since + left_ms_;
+		for (std::int64_t now; (now = monotonic_ms()) < deadline;) {
 			pollfd ready{fd, POLLOUT, 0};
 			const int result = poll(&ready, 1, static_cast<int>(deadline - now));
+			if (result > 0)
+				return true;
 			if (result < 0 && errno != EINTR)
-				break;
-			writable = result > 0;
-			now = now_ms();
+				return false;
 		}
-		left_ms_ = std::max<std::int64_t>(0, deadline - now);
-		*waited += now - start;
-		return writable;
+		return false;
 	}
 
-	void pay_for(std::int64_t waited)
+	// That wait is over; what it took is missing in this pass, or in the next ones too.
+	void spend(std::int64_t since, bool in_next_passes)
 	{
-		regrow(now_ms() - waited);
+		const std::int64_t waited = monotonic_ms() - since;
+		left_ms_ = std::max<std::int64_t>(0, left_ms_ - waited);
+		if (!in_next_passes)
+			return;
+		regrow(since);
 		patience_ms_ = std::max<std::int64_t>(0, patience_ms_ - waited);
 		patience_at_ms_ += waited;
 	}
@@ -469,18 +462,21 @@ ssize_t vek_send_response(int result, int fd)
 ssize_t vek_write_client(int fd, std::span<iovec> parts)
 {
 	ssize_t total = 0;
-	std::int64_t waited = 0;
+	std::optional<std::int64_t> since; // when it first took no more
 	while (!parts.empty()) {
 		ssize_t sent = send_parts(fd, parts);
 		if (sent < 0) {
-			if (errno == EINTR)
-				continue;
-			if ((errno == EAGAIN || errno == ENOBUFS) &&
-			    ration_of(socket_of(fd)).wait_for(fd, &waited))
-				continue;
 			const int reason = errno;
-			if (waited > 0)
-				ration_of(socket_of(fd)).pay_for(waited);
+			if (reason == EINTR)
+				continue;
+			if (!since)
+				since = monotonic_ms();
+			// Without memory for it (ENOBUFS) there is room at once, and the next try is as slow as it
+			// likes; so it is the clock that ends this.
+			ration &patience = ration_of(socket_of(fd));
+			if ((reason == EAGAIN || reason == ENOBUFS) && patience.wait_for(fd, *since))
+				continue;
+			patience.spend(*since, true);
 			if (reason != EPIPE && reason != ECONNRESET)
 				cut(fd, "did not read what it asked for");
 			errno = reason;
@@ -497,8 +493,10 @@ ssize_t vek_write_client(int fd, std::span<iovec> parts)
 			part.iov_len -= static_cast<std::size_t>(sent);
 		}
 	}
-	if (waited > 0 && !is_service(socket_of(fd)))
-		of_others.pay_for(waited);
+	if (since) {
+		const vek_socket *sock = socket_of(fd);
+		ration_of(sock).spend(*since, !is_service(sock));
+	}
 	return total;
 }
 

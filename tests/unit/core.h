@@ -24,6 +24,9 @@ struct core {
 
 void end_all(); // sessions and parked logouts, without a word
 
+// The daemon's clock of its waits: it stands still but for the waits that clients let pass.
+extern std::int64_t clock_ms;
+
 // Logins, logouts, time-outs and tunnel events as the last handler of their chain saw them.
 extern std::vector<vek_event> announced;
 

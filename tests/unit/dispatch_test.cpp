@@ -1,15 +1,18 @@
 // dispatch_test.cpp: how work reaches its handlers: the select loop, with what callbacks may do to the pass
-// they run in, and the clock; and what log messages do that events do not make. The rest is the model's.
+// they run in, how long it waits for clients, and the clock; and what log messages do that events do not make.
+// The rest is the model's.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <functional>
 #include <utility>
 
 #include "core.h"
+#include "faults.h"
 #include "sock_event.h"
 #include "vek_event.h"
 #include "veklog.h"
@@ -81,6 +84,39 @@ TEST_F(SockEvent, WhatACallbackDeletesOrAddsWaitsForTheNextPass)
 	};
 	EXPECT_EQ("rarc", pass());
 	EXPECT_EQ("rcrb", pass());
+}
+
+TEST(Wait, IsRationedByPassesApartForServicesAndOthers)
+{
+	core running;
+	for (int i = 0; i < VEK_MAX_USERS; i++)
+		dispatch(VEK_EVENT_USER_LOGIN, {"http/https", "bob"});
+	// For one that asks for everything and reads nothing: how long.
+	const auto wait_for = [](uid_t user, client &silent) {
+		silent.reads = false;
+		silent.sock()->uid = user;
+		const std::int64_t before = clock_ms;
+		vek_event query = make_event(VEK_EVENT_APP_QUERY_ALL);
+		vek_dispatch_event(&query, silent.sock());
+		return clock_ms - before;
+	};
+	client others[5], services[3];
+	vek_begin_pass();
+	EXPECT_EQ(500, wait_for(1, others[0]));
+	EXPECT_EQ(0, wait_for(1, others[1]));
+	vek_begin_pass();
+	EXPECT_EQ(100, wait_for(1, others[2]));
+	clock_ms += 1000;
+	vek_begin_pass();
+	EXPECT_EQ(250, wait_for(1, others[3])) << "a quarter has grown back";
+	EXPECT_EQ(500, wait_for(0, services[0]));
+	EXPECT_EQ(0, wait_for(0, services[1]));
+
+	clock_ms += 2000;
+	vek_begin_pass();
+	inject({"send", ENOBUFS, true}, 1); // there is room at once, and still nothing is sent
+	EXPECT_EQ(500, wait_for(0, services[2]));
+	EXPECT_TRUE(heal());
 }
 
 TEST(Clock, Ticks)
