@@ -88,9 +88,8 @@ static void vek_remove_pid()
 static int bind_endpoint(const char *path, int *listening_fd)
 {
 	*listening_fd = vek_bind_unix_address(path);
-	if (*listening_fd < 0)
+	if (*listening_fd < 0 || vek_sock_event_add_fd(*listening_fd, FD_READ, nullptr) < 0)
 		return -1;
-	vek_sock_event_add_fd(*listening_fd, FD_READ, nullptr);
 	chmod(path, 0777);
 	return 0;
 }
@@ -132,8 +131,10 @@ static void adopt_surroundings()
 	while (fd >= 0 && fd <= STDERR_FILENO);
 	if (fd >= 0)
 		close(fd);
-	for (fd = STDERR_FILENO + 1; fd < INHERITABLE; fd++)
-		fcntl(fd, F_SETFD, FD_CLOEXEC);
+	// An older kernel is asked for one at a time.
+	if (close_range(STDERR_FILENO + 1, ~0U, CLOSE_RANGE_CLOEXEC) < 0)
+		for (fd = STDERR_FILENO + 1; fd < INHERITABLE; fd++)
+			fcntl(fd, F_SETFD, FD_CLOEXEC);
 	sigset_t none;
 	sigemptyset(&none);
 	sigprocmask(SIG_SETMASK, &none, nullptr);

@@ -1,6 +1,8 @@
 """sessions_test.py: sessions through the real sockets: the status, copy, log line and answers of each login and
 logout, the full table, and what a device's day ends and changes. That all of it is wired up is shown here, once each;
 its cases are the unit tests'."""
+import resource
+
 import vek
 from device import *
 
@@ -111,7 +113,8 @@ class Day(OnDevice):
         clients, lock = self.ftp_clients((bystanders[2], "ftpp", "10.0.0.7"), (bystanders[3], "ftp", "10.0.0.77"),
                                          (ftp, "ftp", "10.0.0.7"))
         LIBC.semctl(lock, 0, SETVAL, 1)
-        os.set_inheritable(os.open("/dev/null", os.O_RDONLY), True)
+        resource.setrlimit(resource.RLIMIT_NOFILE, (2000, resource.getrlimit(resource.RLIMIT_NOFILE)[1]))
+        os.dup2(os.open("/dev/null", os.O_RDONLY), 1999)
         self.start()
         copies = Client("request").subscribe()
         idle = {"idle_timeout_form_acct_flag": 1, "idle_timeout": 60}

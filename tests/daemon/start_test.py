@@ -32,6 +32,9 @@ class StartUp(OnDevice):
             self.assertEqual(77, self.shared(vek.user_lock, vek.USER_LOCK_IPC_KEY).attempt_count)
             os.rmdir(path)
 
+        crowded = subprocess.run(["bash", "-c", 'for i in {3..131}; do eval "exec $i</dev/null"; done; exec $VEKD'])
+        self.assertEqual(255, crowded.returncode, "its sockets would have numbers too high to be watched")
+
     def test_needs_a_pid_file(self):
         for option in ("rw", "ro"):
             with without_room(option, "/var/run"):
