@@ -102,6 +102,19 @@ class Neighbours(OnDevice):
         self.assertTrue(os.path.exists(kills))
         self.assertEqual(1, read(vek.RBTREE_DUMP).count("print end"))
 
+    def test_tools_that_are_slow(self):
+        """Time-outs whose sessions have shells each cost a listing: clients are served in between."""
+        self.start()
+        for i in range(30):
+            self.service.login("telnet", "bob", f"pts/{i}", session_timeout=1)
+        stand_in("/bin/ps", "sleep 0.4\n")
+        with self.within(2 * (0.5 + 0.4)):  # the tick, and one of its own
+            self.tick()
+        self.assertGreater(self.ask.count(), 0)
+        stand_in("/bin/ps", "")
+        self.tick()
+        self.assertEqual(0, self.ask.count())
+
     def test_tools_that_never_end(self):
         pids = SCRATCH + "pids"
         forever = f"trap '' TERM HUP; echo $$ >>{pids}; sleep 1000 & echo $! >>{pids}; wait; sleep 1000\n"
