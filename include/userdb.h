@@ -97,6 +97,7 @@ enum { DEADLINE_REAUTH, DEADLINE_LEASE, DEADLINE_IDLE, DEADLINE_SESSION };
 void userdb_place_deadline(const deadline_list &list, user_list *ulist);
 
 int IsWebAuth(const char *service);
+bool is_dot1x(const char *service); // 802.1X or MAC authentication
 int skip_idle_detection(const user_info *uinfo);
 void show_users_name(avl_table *tree, const char *title);
 

@@ -82,12 +82,6 @@ void fill_terms(user_info *uinfo, const vek_event *event)
 	copy_text(uinfo->radius_profile_name, event->radius_profile_name);
 }
 
-bool is_dot1x(const char *service)
-{
-	return std::strcmp(service, SERVICE_NAME_DOT1X) == 0 ||
-	       std::strcmp(service, SERVICE_NAME_MAC_AUTH) == 0;
-}
-
 void fill_dot1x(user_info *uinfo, const vek_event *event)
 {
 	uinfo->dst_ip = 0;
@@ -152,7 +146,10 @@ void displace(const user_list *oldest)
 		event.ip6 = uinfo.ip6;
 	else
 		event.ip = uinfo.ip;
-	vek_dispatch_event(&event, nullptr);
+	const bool names_somebody = *event.username != '\0' || *event.unique != '\0' || event.ip != 0 ||
+				    event.event_flag & VEK_EVENT_FLAG_USED_IPV6_ADDR;
+	if (names_somebody) // or it would end every session of the service
+		vek_dispatch_event(&event, nullptr);
 }
 
 } // namespace

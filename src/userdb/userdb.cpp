@@ -305,11 +305,15 @@ int IsWebAuth(const char *service)
 	return 0;
 }
 
+bool is_dot1x(const char *service)
+{
+	return std::strcmp(service, SERVICE_NAME_DOT1X) == 0 ||
+	       std::strcmp(service, SERVICE_NAME_MAC_AUTH) == 0;
+}
+
 int skip_idle_detection(const user_info *uinfo)
 {
-	return uinfo->type == ADMIN_TYPE || uinfo->type == LIMIT_TYPE ||
-	       std::strcmp(uinfo->service, SERVICE_NAME_DOT1X) == 0 ||
-	       std::strcmp(uinfo->service, SERVICE_NAME_MAC_AUTH) == 0;
+	return uinfo->type == ADMIN_TYPE || uinfo->type == LIMIT_TYPE || is_dot1x(uinfo->service);
 }
 
 void show_users_name(avl_table *tree, const char *title)

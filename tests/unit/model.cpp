@@ -266,7 +266,8 @@ struct telling {
 				logout.event_flag = o.usr_flags;
 				share(logout, o,
 				      {"service", "username", "unique", is6(logout) ? "ip6" : "ip"});
-				handle(logout);
+				if (*logout.username || *logout.unique || logout.ip != 0 || is6(logout))
+					handle(logout);
 				++met["displaced"];
 				if (unused.empty()) {
 					++met["ended directly"];
@@ -860,6 +861,10 @@ private:
 		for (auto &[own, service] : METHODS)
 			if (is(e.service, service) && chance(50))
 				copy_text(e.method, own);
+		if (chance(3)) { // nobody in particular
+			*e.real_username = *e.unique = '\0';
+			e.ip = 0;
+		}
 		if (phase != FILL && phase != FULL)
 			return;
 		// Many sessions, which stay.
