@@ -44,7 +44,7 @@ extern user_list *ulist_array[VEK_MAX_USERS]; // result of the latest find_user_
 extern int vek_users;                         // slots in use
 extern int is_cloud;                          // the device is cloud-managed
 extern user_config *uconf;                    // the shared block, null until attached
-extern std::mutex userdb_lock;                // held around every structural change, never across a dispatch
+extern std::mutex userdb_lock;                // held while sessions come and go, never across a dispatch
 
 int avl_compare_username(const void *a, const void *b, void *param);
 int avl_compare_ip(const void *a, const void *b, void *param);
@@ -67,6 +67,9 @@ int userdb_remove(user_list *ulist);
 // Ends a session as far as the database goes: out of everything, its station out of the tree, its slot free
 // (its record stays readable until the next login). Takes userdb_lock; announces nothing.
 void userdb_end_session(user_list *ulist);
+
+// Ends a session whatever its keys are, and sends a logout event on its way for it, completed with who it was.
+void userdb_log_out(user_list *ulist, vek_event *event);
 
 // Moves an indexed session to another IPv4 address. 0; or -1 without memory, nothing then being changed.
 int userdb_move_ip(user_list *ulist, std::uint32_t ip);

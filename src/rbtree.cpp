@@ -427,15 +427,18 @@ void find_earlist_portal_user(struct rb_root *root, const char redis_mac[][STATI
 		return;
 
 	vek_event event = logout_of_chosen();
-	vek_dispatch_event(&event, nullptr);
+	const bool nobody_heard = vek_dispatch_event(&event, nullptr) == VEK_STOP_DISPATCH;
 
-	// The logout may have matched nobody: a session whose MAC or profile is empty, or whose service and
-	// method disagree. It ends here, or the clean-up would choose the same station for ever.
+	// The logout may have ended nobody: a session whose MAC or profile is empty, or whose service and method
+	// disagree. It ends here, or the clean-up would choose the same station for ever.
 	rb_node_t *left = find_by_serial(root, serial);
 	if (!left)
 		return;
 	if (left->session) {
-		userdb_end_session(left->session);
+		if (nobody_heard)
+			userdb_log_out(left->session, &event);
+		else
+			userdb_end_session(left->session);
 		return;
 	}
 	const std::lock_guard lock(userdb_lock);

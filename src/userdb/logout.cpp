@@ -132,6 +132,19 @@ int userdb_handle_web_logout(vek_event *event, vek_socket *)
 	return VEK_STOP_DISPATCH;
 }
 
+void userdb_log_out(user_list *ulist, vek_event *event)
+{
+	const user_info *uinfo = ulist->uinfo;
+	event->event_flag = VEK_EVENT_FLAG_SKIP_USER_LOGOUT;
+	if (!IN6_IS_ADDR_UNSPECIFIED(&uinfo->ip6)) {
+		event->event_flag |= VEK_EVENT_FLAG_USED_IPV6_ADDR;
+		event->ip6 = uinfo->ip6;
+	}
+	userdb_end_session(ulist);
+	copy_back_web_logout(event, uinfo);
+	vek_dispatch_event(event, nullptr);
+}
+
 int userdb_handle_adjust_avl_tree_and_sameip_list(vek_event *event, avl_table *tree)
 {
 	if (event == nullptr || tree == nullptr)

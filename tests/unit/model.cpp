@@ -376,11 +376,17 @@ struct telling {
 			logout.notify_cc = DO_NOT_NOTIFY_CC;
 			logout.event_flag = VEK_EVENT_FLAG_USER_LOGOUT_MATCH_MAC_SSIDPROFILE;
 			const u64 which = slots[slot].seq[NAME];
-			handle(logout);
+			const int nobody_heard = handle(logout);
 			++met["cleaned up"];
 			if (slots[slot].station && slots[slot].seq[NAME] == which) {
 				++met["ended directly"];
-				end(slot);
+				logout.event_flag = VEK_EVENT_FLAG_SKIP_USER_LOGOUT;
+				if (any(records[slot].ip6))
+					logout.event_flag |= VEK_EVENT_FLAG_USED_IPV6_ADDR;
+				share(logout, records[slot], {"ip6"});
+				log_out(logout, slot, true);
+				if (nobody_heard)
+					announce(logout);
 			}
 			return;
 		}
