@@ -35,6 +35,17 @@ class Neighbours(OnDevice):
 
         wait_for(all_are_accounted_for)
 
+        # It is gone for a while, and its socket is another one then.
+        self.log_reader.kill()
+        self.log_reader.join()
+        os.unlink("/dev/log")
+        with self.within(0):
+            self.assertEqual(0, self.service.logout("ssh", "bob"))
+        self.log_reader = self.process(read_log)
+        wait_for(lambda: os.path.exists("/dev/log"))
+        self.service.login("ssh", "eve")
+        wait_for(lambda: re.search(r"^<28>1 messages were lost\n<\d+>.*eve.*\n\Z", log_lines(), re.M))
+
     def test_semaphores_that_are_never_released(self):
         stand_in("/util/suexec", 'exec "$@"\n')
         self.start("-d")
