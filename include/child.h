@@ -16,9 +16,15 @@ constexpr int VEK_CHILD_LIMIT_MS = 2000; // of one tool, from its start to its e
 constexpr int VEK_CHILD_END_MS = 1000;   // for one that was killed; after it the reaper takes care of it
 constexpr int VEK_CHILD_STALLED = -2;    // no status of waitpid: it had to be killed
 
+// Everybody waits while children run. When they have taken this long in all since a turn was begun, what can
+// be done in a later turn should be.
+constexpr int VEK_CHILD_TURN_MS = 250;
+void vek_begin_child_turn();
+bool vek_child_turn_is_over();
+
 // Runs a program (argv[0] is its path; the list ends with null) and waits for it. The status as waitpid gives
-// it, exit status 127 when the program cannot be started; -1 when no child could be made; VEK_CHILD_STALLED when
-// it did not end in time.
+// it, exit status 127 when the program cannot be started; -1 when no child could be made; VEK_CHILD_STALLED
+// when it did not end in time.
 int vek_run(const char *const argv[]);
 
 // The same for a command line of the system shell.
@@ -42,8 +48,8 @@ public:
 	// has passed; a line that is not whole by then is no line.
 	bool read_line(char *buffer, std::size_t size);
 
-	// The command did not end its output within its limit: what was read may be half of it. After closing,
-	// also: it did not end.
+	// The command did not end its output within its limit: what was read may be half of it. After
+	// closing, also: it did not end.
 	bool timed_out() const { return timed_out_; }
 
 	void close();

@@ -30,7 +30,7 @@ struct vek_socket {
 	pid_t pid;              // peer, as of accept
 	uid_t uid;              // peer, as of accept
 	std::uint64_t activity; // stamp of the last record read; smaller is longer silent
-	std::uint64_t put_off;  // stamp since which its request waits for a later pass; 0 when none does
+	std::uint64_t put_off;  // stamp since which its record waits for a later pass; 0 when none does
 };
 
 // A revocable logout that waits for its time.
@@ -80,8 +80,8 @@ void vek_deepen_buffer(vek_socket *sock);
 // Unlinks and frees a parked logout.
 void vek_free_deferred_logout(vek_deferred_logout *parked);
 
-// To be called by the main loop before each pass: renews the pass's limit of waiting, and answers the first
-// of the requests that were put off.
+// To be called by the main loop before each pass: renews the pass's limits of waiting, for clients and for
+// tools, and handles the first of the records that were put off.
 void vek_begin_pass();
 
 // To be called at each tick: listens again after a lack of descriptors or memory.

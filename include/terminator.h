@@ -27,12 +27,17 @@ constexpr int RET_ERROR_RESOURCE_NOT_FOUND = -2;
 // Reaps every child that has ended. A signal handler.
 void terminator_child_handler(int);
 
-// The handler of every event that ends a session. Always VEK_CONTINUE_DISPATCH.
+// The handler of every event that ends a session. Always VEK_CONTINUE_DISPATCH. When tools have taken long
+// in this pass, a shell is left for the end of the pass, or for a later one.
 int terminator_clear_session(vek_event *event, vek_socket *sock);
 
+// To be called by the main loop in each pass: ends the shells for which there was no time when their sessions
+// ended.
+void terminator_end_put_off();
+
 // Has a process ended through the privileged launcher. The launcher's exit status; -1 when it was not run (as
-// for a number that is no process id, and for a while after it had to be killed) or was ended by its limit or a
-// signal.
+// for a number that is no process id, and for a while after it had to be killed) or was ended by its limit or
+// a signal.
 int pidkill(int pid);
 
 // The console's terminal numbers, as text, from the kernel's list of consoles into two buffers of TTY_TEXT

@@ -68,7 +68,8 @@ int userdb_remove(user_list *ulist);
 // (its record stays readable until the next login). Takes userdb_lock; announces nothing.
 void userdb_end_session(user_list *ulist);
 
-// Ends a session whatever its keys are, and sends a logout event on its way for it, completed with who it was.
+// Ends a session whatever its keys are, and sends a logout event on its way for it, completed with who it
+// was.
 void userdb_log_out(user_list *ulist, vek_event *event);
 
 // Moves an indexed session to another IPv4 address. 0; or -1 without memory, nothing then being changed.

@@ -32,18 +32,22 @@ sigset_t child_signal()
 // The reaper is held off from the first child's start to the last one's end.
 int holds;
 sigset_t mask_before_holds;
+std::int64_t held_since_ms, children_took_ms;
 
 void hold_reaper()
 {
 	const sigset_t set = child_signal();
-	if (holds++ == 0)
-		sigprocmask(SIG_BLOCK, &set, &mask_before_holds);
+	if (holds++ > 0)
+		return;
+	sigprocmask(SIG_BLOCK, &set, &mask_before_holds);
+	held_since_ms = monotonic_ms();
 }
 
 void release_reaper()
 {
 	if (--holds > 0)
 		return;
+	children_took_ms += monotonic_ms() - held_since_ms;
 	// The waits have taken the signals of all children, also of those that are the reaper's.
 	raise(SIGCHLD);
 	sigprocmask(SIG_SETMASK, &mask_before_holds, nullptr);
@@ -115,6 +119,10 @@ int finish(pid_t pid, std::int64_t deadline)
 	return VEK_CHILD_STALLED;
 }
 } // namespace
+
+void vek_begin_child_turn() { children_took_ms = 0; }
+
+bool vek_child_turn_is_over() { return children_took_ms >= VEK_CHILD_TURN_MS; }
 
 int vek_run(const char *const argv[])
 {

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <optional>
 
+#include "child.h"
 #include "daemon.h"
 #include "listener.h"
 #include "misc.h"
@@ -101,7 +102,7 @@ ration &ration_of(const vek_socket *sock) { return is_service(sock) ? of_service
 
 constexpr int BACKLOG = 5;
 std::uint64_t activity_stamp;
-bool some_put_off; // a request, at some time
+bool some_put_off; // a record, at some time
 bool accept_paused;
 int spare_fd = -1; // given up for a moment to turn a connection away when descriptors have run out
 
@@ -287,7 +288,29 @@ constexpr int event_of_method[] = {
     VEK_EVENT_APP_QUERY_TOTAL_USER_NUM,
 };
 
-// Of the requests that were put off, the one whose turn it is: waiting longest.
+// Does a request wait to be read whose answer its sender may have to read while it is written?
+bool may_be_long(const vek_socket *sock)
+{
+	std::int32_t method;
+	if (sock->cut || userdb_query_total_user_num() <= FITS_AT_ONCE ||
+	    recv(sock->fd, &method, sizeof(method), MSG_PEEK | MSG_DONTWAIT) !=
+		static_cast<ssize_t>(sizeof(method)))
+		return false;
+	return method == VEK_QUERY_NAME || method == VEK_QUERY_FROM || method == VEK_QUERY_ALL;
+}
+
+// ---- records that are put off ----
+
+// What a report starts may take long as well: the tools that it has run.
+bool must_wait(const vek_socket *sock)
+{
+	if (sock->type == VEK_SOCKTYPE_NOTIFY)
+		return !is_service(sock) && vek_child_turn_is_over();
+	return sock->type == VEK_SOCKTYPE_REQUEST && !ration_of(sock).allows_a_long_answer() &&
+	       may_be_long(sock);
+}
+
+// The one whose turn it is: waiting longest.
 vek_socket *next_put_off(const ration &ration)
 {
 	vek_socket *next = nullptr;
@@ -298,15 +321,14 @@ vek_socket *next_put_off(const ration &ration)
 	return next;
 }
 
-// Does a request wait to be read whose answer its sender may have to read while it is written?
-bool may_be_long(const vek_socket *sock)
+void handle_record(vek_socket *sock)
 {
-	std::int32_t method;
-	if (sock->cut || userdb_query_total_user_num() <= FITS_AT_ONCE ||
-	    recv(sock->fd, &method, sizeof(method), MSG_PEEK | MSG_DONTWAIT) !=
-		static_cast<ssize_t>(sizeof(method)))
-		return false;
-	return method == VEK_QUERY_NAME || method == VEK_QUERY_FROM || method == VEK_QUERY_ALL;
+	sock->put_off = 0;
+	switch (sock->type) {
+	case VEK_SOCKTYPE_NOTIFY: return vek_handle_notify(sock->fd, sock);
+	case VEK_SOCKTYPE_REQUEST: return vek_handle_request(sock->fd, sock);
+	default: return vek_close_client(sock->fd, sock);
+	}
 }
 
 vek_event event_from(const vek_request &request)
@@ -370,17 +392,11 @@ void vek_sock_event_read(int fd, void *data)
 		return vek_accept_request(fd, data);
 
 	auto *sock = static_cast<vek_socket *>(data);
-	switch (sock->type) {
-	case VEK_SOCKTYPE_NOTIFY: return vek_handle_notify(fd, sock);
-	case VEK_SOCKTYPE_REQUEST:
-		if (ration_of(sock).allows_a_long_answer() || !may_be_long(sock))
-			return vek_handle_request(fd, sock);
-		some_put_off = true;
-		if (sock->put_off == 0)
-			sock->put_off = ++activity_stamp;
-		return;
-	default: return vek_close_client(fd, sock);
-	}
+	if (!must_wait(sock))
+		return handle_record(sock);
+	some_put_off = true;
+	if (sock->put_off == 0)
+		sock->put_off = ++activity_stamp;
 }
 
 void vek_sock_event_write(int fd, void *data) { vek_close_client(fd, static_cast<vek_socket *>(data)); }
@@ -426,7 +442,6 @@ void vek_handle_notify(int fd, vek_socket *sock)
 void vek_handle_request(int, vek_socket *sock)
 {
 	vek_request request;
-	sock->put_off = 0;
 	if (!read_record(sock, &request, sizeof(request)))
 		return end_client(sock);
 	if (request.method < VEK_QUERY_NAME || request.method > VEK_QUERY_TOTAL_USER_NUM)
@@ -471,8 +486,8 @@ ssize_t vek_write_client(int fd, std::span<iovec> parts)
 				continue;
 			if (!since)
 				since = monotonic_ms();
-			// Without memory for it (ENOBUFS) there is room at once, and the next try is as slow as it
-			// likes; so it is the clock that ends this.
+			// Without memory for it (ENOBUFS) there is room at once, and the next try is as slow
+			// as it likes; so it is the clock that ends this.
 			ration &patience = ration_of(socket_of(fd));
 			if ((reason == EAGAIN || reason == ENOBUFS) && patience.wait_for(fd, *since))
 				continue;
@@ -519,6 +534,7 @@ void vek_free_deferred_logout(vek_deferred_logout *parked)
 
 void vek_begin_pass()
 {
+	vek_begin_child_turn();
 	for (ration *ration : {&of_services, &of_others})
 		ration->begin_pass();
 	if (!some_put_off)
@@ -527,6 +543,6 @@ void vek_begin_pass()
 	for (const ration *ration : {&of_services, &of_others})
 		if (vek_socket *sock = next_put_off(*ration)) {
 			some_put_off = true;
-			vek_handle_request(sock->fd, sock);
+			handle_record(sock);
 		}
 }

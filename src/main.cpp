@@ -18,6 +18,7 @@
 #include "qzlog.h"
 #include "rbtree.h"
 #include "sock_event.h"
+#include "terminator.h"
 #include "vek_event.h"
 
 int debug;
@@ -239,6 +240,7 @@ static void run()
 			dispatch_own(VEK_EVENT_CONFIG_CHANGE);
 		}
 		print_rb_tree_if_asked();
+		terminator_end_put_off();
 	}
 }
 

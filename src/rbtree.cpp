@@ -429,8 +429,8 @@ void find_earlist_portal_user(struct rb_root *root, const char redis_mac[][STATI
 	vek_event event = logout_of_chosen();
 	const bool nobody_heard = vek_dispatch_event(&event, nullptr) == VEK_STOP_DISPATCH;
 
-	// The logout may have ended nobody: a session whose MAC or profile is empty, or whose service and method
-	// disagree. It ends here, or the clean-up would choose the same station for ever.
+	// The logout may have ended nobody: a session whose MAC or profile is empty, or whose service and
+	// method disagree. It ends here, or the clean-up would choose the same station for ever.
 	rb_node_t *left = find_by_serial(root, serial);
 	if (!left)
 		return;

@@ -29,6 +29,7 @@
 #include "daemon.h"
 #include "init.h"
 #include "misc.h"
+#include "userdb.h"
 #include "vek_event.h"
 
 namespace {
@@ -57,19 +58,23 @@ public:
 	// Runs it by `start`, which gives its status. False when it was not run to its end.
 	template <class Start> bool run(Start start)
 	{
-		if (stalled_.active())
+		if (rests())
 			return false;
 		const int status = start();
 		if (status == VEK_CHILD_STALLED)
 			stalled_.start();
 		return status >= 0 && WIFEXITED(status);
 	}
+	bool rests() const { return stalled_.active(); }
 
 private:
 	vek_backoff stalled_;
 };
 
 constinit tool listing, launcher, sshcon;
+
+// Without either of these no shell can be ended.
+bool tools_rest() { return listing.rests() || launcher.rests(); }
 
 // ---- the process listing ----
 
@@ -149,23 +154,47 @@ terminal_number console_terminal()
 	return terminal;
 }
 
-// A number too long for any terminal gives no terminal, rather than the one it begins with.
-terminal_number pseudo_terminal(const char *number)
-{
-	terminal_number terminal{TTY_SSH_TELNET_1, {}, false};
-	if (strlen(number) < sizeof terminal.minor)
-		copy_text(terminal.minor, number);
-	return terminal;
-}
+// Where a session sits: on the console, or on the pseudo-terminal of this number.
+struct seat {
+	bool console;
+	char number[TTY_TEXT];
 
-// The name of the terminal that a session sits on, or an empty text.
-const char *session_tty(const vek_event *event)
+	bool operator==(const seat &) const = default;
+	terminal_number terminal() const
+	{
+		if (console)
+			return console_terminal();
+		terminal_number terminal{TTY_SSH_TELNET_1, {}, false};
+		copy_text(terminal.minor, number);
+		return terminal;
+	}
+};
+
+// The name of the terminal of a session, or of the event that ended it; an empty text when it has none.
+template <class Session> const char *tty_of(const Session &session)
 {
-	const std::string_view service = event->service;
+	const std::string_view service = session.service;
 	if (service == SERVICE_NAME_CONSOLE || service == SERVICE_NAME_TELNET ||
 	    service == SERVICE_NAME_DIALIN)
-		return event->unique;
-	return service == SERVICE_NAME_SSH ? event->ssh_tty : "";
+		return session.unique;
+	return service == SERVICE_NAME_SSH ? session.ssh_tty : "";
+}
+
+template <class Session> std::optional<seat> seat_of(const Session &session)
+{
+	const char *tty = tty_of(session);
+	if (*tty == '\0')
+		return {};
+	seat taken{strcmp(session.service, SERVICE_NAME_CONSOLE) == 0, {}};
+	if (taken.console)
+		return taken;
+	const char *slash = strrchr(tty, '/');
+	if (slash == nullptr || slash[1] == '\0')
+		return {};
+	// A number too long for any terminal is none, rather than the one it begins with.
+	if (strlen(slash + 1) < sizeof taken.number)
+		copy_text(taken.number, slash + 1);
+	return taken;
 }
 
 // Turns the command-line shell's sshcon feature off when it was on for the terminal of the shell that ended,
@@ -178,21 +207,54 @@ void disable_sshcon(const std::optional<listed_shell> &shell)
 	sshcon.run([] { return vek_run_shell("qzsh -p 100 -e \"sshcon disable\""); });
 }
 
-void clear_terminal_session(std::string_view service, const char *tty)
+void end_shell(std::FILE *list, const seat &left, bool ssh)
 {
-	file list = list_processes();
-	if (list == nullptr)
-		return;
-	const bool console = service == SERVICE_NAME_CONSOLE;
-	const char *slash = strrchr(tty, '/');
-	if (!console && (slash == nullptr || slash[1] == '\0'))
-		return;
-	const auto shell = find_shell(list.get(), console ? console_terminal() : pseudo_terminal(slash + 1));
-	list.reset();
+	const auto shell = find_shell(list, left.terminal());
 	if (shell)
 		pidkill(shell->pid);
-	if (service == SERVICE_NAME_SSH)
+	if (ssh)
 		disable_sshcon(shell);
+}
+
+// Shells that are ended later, because a tool hung or tools have taken long while everybody waits: each
+// terminal once, in the order in which their sessions ended.
+struct {
+	seat left;
+	bool ssh;
+} put_off[VEK_MAX_USERS];
+int count_put_off;
+
+// False when there is no room.
+bool put_off_shell(const seat &left, bool ssh)
+{
+	auto *const end = put_off + count_put_off;
+	auto *const same = std::find_if(put_off, end, [&](const auto &shell) { return shell.left == left; });
+	if (same == std::end(put_off))
+		return false;
+	*same = {left, ssh || (same != end && same->ssh)};
+	count_put_off += same == end;
+	return true;
+}
+
+// By somebody who came since.
+bool is_taken(const seat &left)
+{
+	for (const user_list *ulist : userdb_use_list)
+		if (seat_of(*ulist->uinfo) == left)
+			return true;
+	return false;
+}
+
+void clear_terminal_session(const vek_event *event)
+{
+	const auto left = seat_of(*event);
+	const bool ssh = strcmp(event->service, SERVICE_NAME_SSH) == 0;
+	if (left && (tools_rest() || vek_child_turn_is_over() || count_put_off > 0) &&
+	    put_off_shell(*left, ssh))
+		return;
+	const file list = list_processes();
+	if (list != nullptr && left)
+		end_shell(list.get(), *left, ssh);
 }
 
 // ---- ftp sessions ----
@@ -320,9 +382,27 @@ int terminator_clear_session(vek_event *event, vek_socket *)
 {
 	if (strcmp(event->service, SERVICE_NAME_FTP) == 0)
 		clear_ftp_session(event);
-	else if (const char *tty = session_tty(event); *tty != '\0')
-		clear_terminal_session(event->service, tty);
+	else if (*tty_of(*event) != '\0')
+		clear_terminal_session(event);
 	return VEK_CONTINUE_DISPATCH;
+}
+
+void terminator_end_put_off()
+{
+	if (count_put_off == 0 || tools_rest())
+		return;
+	const file list = list_processes();
+	vek_begin_child_turn();
+	int done = 0;
+	do {
+		const auto &[left, ssh] = put_off[done];
+		if (list == nullptr || is_taken(left))
+			continue;
+		std::rewind(list.get());
+		end_shell(list.get(), left, ssh);
+	} while (++done < count_put_off && !vek_child_turn_is_over());
+	std::copy(put_off + done, put_off + count_put_off, put_off);
+	count_put_off -= done;
 }
 
 int pidkill(int pid)

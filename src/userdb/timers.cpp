@@ -65,14 +65,11 @@ void announce(const user_info *uinfo, const expiry &kind)
 }
 
 // Ends every session at the front of the list whose deadline has come. Each leaves the list before it is
-// announced, so the front is always the next. When the tools that end shells are slow, clients must be served
-// in between: the rest is still due the next time.
+// announced, so the front is always the next.
 int expire(const expiry &kind)
 {
-	constexpr std::int64_t LIMIT_MS = 500;
-	const std::int64_t limit = monotonic_ms() + LIMIT_MS;
 	const deadline_list &list = kind.list;
-	while (list.head->next != list.head && monotonic_ms() < limit) {
+	while (list.head->next != list.head) {
 		user_list *ulist = list.entry(list.head->next);
 		if (ulist->uinfo->*list.deadline > seconds_since_boot)
 			break;

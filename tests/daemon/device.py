@@ -85,6 +85,10 @@ def without_room(option, *paths):
 
 # ---- processes ----
 
+# Another user than root, where the sandbox has more than one.
+NOBODY = 65534 if int(read("/proc/self/uid_map").split()[2]) > 65534 else 0
+
+
 def alive(pid):
     """Which a zombie is not. One that was left to us is reaped."""
     with contextlib.suppress(ChildProcessError):

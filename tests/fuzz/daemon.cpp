@@ -17,6 +17,7 @@
 #include "misc.h"
 #include "rbtree.h"
 #include "target.h"
+#include "terminator.h"
 #include "vek_fields.h"
 
 namespace {
@@ -151,7 +152,10 @@ void step(input &in)
 		in.overwrite(&block[offset], block.size() - offset);
 		dispatch(VEK_EVENT_CONFIG_CHANGE);
 	} else if (number == 8) {
-		fake.mode = in.byte() % 6;
+		const unsigned mode = in.byte();
+		fake.mode = static_cast<int>(mode % 6);
+		fake.tools_are_slow = mode >= 128;
+		terminator_end_put_off();
 	} else if (number == 9) {
 		std::optional<client> &program = clients[1 + in.byte() % 4];
 		if (program && in.byte() & 1)

@@ -1,6 +1,6 @@
 // dispatch_test.cpp: how work reaches its handlers: the select loop, with what callbacks may do to the pass
-// they run in, how long it waits for clients, and the clock; and what log messages do that events do not make.
-// The rest is the model's.
+// they run in, how long it waits for clients, and the clock; and what log messages do that events do not
+// make. The rest is the model's.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>

@@ -50,6 +50,10 @@ int rrm_get_common_mac(char *buffer, int size)
 }
 }
 
+void vek_begin_child_turn() {}
+
+bool vek_child_turn_is_over() { return fake.tools_are_slow; }
+
 int vek_run(const char *const argv[])
 {
 	std::string line;

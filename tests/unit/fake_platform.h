@@ -25,9 +25,10 @@ struct fake_platform {
 	user_profile_t profile{};
 	std::string mac = "02:00:00:00:00:01";
 	std::vector<std::string> station_macs, station_times; // lines of the station database's two listings
-	int child_status = 0;                                 // of what is run, and not read through a pipe
-	int failing_pipe = -1;                                // the n-th vek_pipe::start from now on fails
-	std::time_t wall_clock = 1700000000;                  // what time() says
+	bool tools_are_slow = false;
+	int child_status = 0;                // of what is run, and not read through a pipe
+	int failing_pipe = -1;               // the n-th vek_pipe::start from now on fails
+	std::time_t wall_clock = 1700000000; // what time() says
 
 	// recorded
 	std::vector<fake_log> logs;
