@@ -114,11 +114,15 @@ class Hostile(OnDevice):
 
     @unittest.skipUnless(NOBODY, "no second user in this sandbox")
     def test_silent_connections_shut_services_out_only_of_their_kind(self):
+        asked = multiprocessing.Value("L")
+
         def keep_asking():
             os.setuid(NOBODY)
             one = Client("request")
-            while True:
-                one.count()
+            with contextlib.suppress(ConnectionError):
+                while True:
+                    one.count()
+                    asked.value += 1
 
         self.start()
         before = self.descriptors()
@@ -126,6 +130,8 @@ class Hostile(OnDevice):
         wait_for(lambda: self.descriptors() > before)
         self.process(hostile, NOBODY, stay_silent, PLACES + 50)
         wait_for(lambda: self.descriptors() >= 128)
+        before = asked.value
+        wait_for(lambda: asked.value > before + 1)  # it has been heard since they came
 
         def be_turned_away():
             os.setuid(NOBODY)
