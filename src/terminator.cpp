@@ -249,8 +249,8 @@ void clear_terminal_session(const vek_event *event)
 {
 	const auto left = seat_of(*event);
 	const bool ssh = strcmp(event->service, SERVICE_NAME_SSH) == 0;
-	if (left && (tools_rest() || vek_child_turn_is_over() || count_put_off > 0) &&
-	    put_off_shell(*left, ssh))
+	const bool later = tools_rest() || vek_child_turn_is_over() || count_put_off > 0;
+	if (later && (!left || put_off_shell(*left, ssh)))
 		return;
 	const file list = list_processes();
 	if (list != nullptr && left)

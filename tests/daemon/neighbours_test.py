@@ -123,6 +123,7 @@ class Neighbours(OnDevice):
         self.start()
         for i in range(40):
             self.service.login("telnet", "bob", f"pts/{i}")
+            self.service.login("telnet", "bob", f"nowhere {i}")
         with self.within(lists + ends):
             self.assertEqual(1, self.service.report(vek.EVENT_WEB_USER_LOGOUT, "telnet", "bob"))
         self.service.login("telnet", "eve", "pts/39")  # who gets the terminal that is free again
