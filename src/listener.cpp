@@ -25,7 +25,7 @@ int pass_on(vek_event *event, vek_socket *sock)
 	return VEK_CONTINUE_DISPATCH;
 }
 
-constexpr int MAX_SUBSCRIPTIONS = 8; // of one connection
+constexpr int MAX_SUBSCRIPTIONS = 2; // of one connection
 
 int subscriptions_of(int fd)
 {

@@ -624,7 +624,7 @@ struct telling {
 		case 27:
 		case 28: answer(e); break;
 		case 29:
-			stopped = subscriptions == 8;
+			stopped = subscriptions == 2;
 			subscriptions += !stopped;
 			break;
 		case 30: subscriptions -= subscriptions > 0; break;
