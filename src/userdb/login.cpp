@@ -134,7 +134,7 @@ bool fill_profile(user_info *uinfo, const vek_event *event)
 }
 
 // The logout that ends the oldest session as if its service had reported it.
-void displace(const user_list *oldest)
+void displace(user_list *oldest)
 {
 	const user_info &uinfo = *oldest->uinfo;
 	vek_event event = vek_new_event(VEK_EVENT_USER_LOGOUT);
@@ -148,8 +148,10 @@ void displace(const user_list *oldest)
 		event.ip = uinfo.ip;
 	const bool names_somebody = *event.username != '\0' || *event.unique != '\0' || event.ip != 0 ||
 				    event.event_flag & VEK_EVENT_FLAG_USED_IPV6_ADDR;
-	if (names_somebody) // or it would end every session of the service
+	if (names_somebody)
 		vek_dispatch_event(&event, nullptr);
+	else // that would end every session of the service
+		userdb_log_out(oldest, &event);
 }
 
 } // namespace

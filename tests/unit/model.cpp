@@ -268,6 +268,11 @@ struct telling {
 				      {"service", "username", "unique", is6(logout) ? "ip6" : "ip"});
 				if (*logout.username || *logout.unique || logout.ip != 0 || is6(logout))
 					handle(logout);
+				else {
+					logout.event_flag = VEK_EVENT_FLAG_SKIP_USER_LOGOUT;
+					log_out(logout, oldest, true);
+					announce(logout);
+				}
 				++met["displaced"];
 				if (unused.empty()) {
 					++met["ended directly"];
