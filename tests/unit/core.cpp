@@ -206,7 +206,8 @@ extern "C" int __wrap_poll(pollfd *fds, nfds_t count, int limit)
 	if (std::ranges::any_of(clients, &client::receive))
 		return 1;
 	const int ready = __real_poll(fds, count, 0);
-	clock_ms += ready > 0 ? 1 : limit;
+	if (ready == 0)
+		clock_ms += limit;
 	return ready;
 }
 

@@ -159,7 +159,7 @@ TEST(Fault, AClientIsServedOrLosesItsConnection)
 				   {"accept4", EMFILE, true},
 				   {"accept4", ECONNABORTED},
 				   {"send", EAGAIN},
-				   {"send", ENOBUFS, true},
+				   {"send", ENOBUFS, true, [] { clock_ms++; }},
 				   {"send", EPIPE},
 				   {"open", EMFILE, true}})
 		exhaust(fault, end_all, road, [](bool) { clean(); });

@@ -31,6 +31,8 @@ bool fails(const char *call)
 	}
 	left = wanted.lasting ? 1 : 0;
 	fired = true;
+	if (wanted.first != nullptr)
+		wanted.first();
 	errno = wanted.error;
 	return true;
 }

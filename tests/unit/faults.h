@@ -8,9 +8,10 @@
 #include <vector>
 
 struct fault {
-	const char *call;     // a part of the name: "alloc" is malloc and calloc
-	int error;            // the errno it fails with
-	bool lasting = false; // all later ones fail too
+	const char *call;          // a part of the name: "alloc" is malloc and calloc
+	int error;                 // the errno it fails with
+	bool lasting = false;      // all later ones fail too
+	void (*first)() = nullptr; // called before it fails
 };
 
 // From now on the n-th such call fails (from 1).
