@@ -31,9 +31,9 @@ void terminator_child_handler(int);
 // in this pass, a shell is left for the end of the pass, or for a later one.
 int terminator_clear_session(vek_event *event, vek_socket *sock);
 
-// To be called by the main loop in each pass: ends the shells for which there was no time when their sessions
-// ended.
-void terminator_end_put_off();
+// To be called by the main loop in each pass: ends shells for which there was no time when their sessions
+// ended, as many as a turn of the tools allows. False when there was nothing that could be done.
+bool terminator_end_put_off();
 
 // Has a process ended through the privileged launcher. The launcher's exit status; -1 when it was not run (as
 // for a number that is no process id, and for a while after it had to be killed) or was ended by its limit or

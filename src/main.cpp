@@ -28,7 +28,8 @@ volatile std::sig_atomic_t vek_need_exit, vek_do_timer, vek_config_change;
 constexpr int SECONDS_GET_CURRENT = 180;
 constexpr int DEFAULT_VEK_NICE_VALUE = 19;
 constexpr int TICKS_PER_10SECONDS_EVENT = 11;
-constexpr int INHERITABLE = 1024; // descriptors, the usual limit of a process
+constexpr int INHERITABLE = 1024;             // descriptors, the usual limit of a process
+constexpr std::int64_t LAST_SHELLS_MS = 2000; // of shells that were put off, before it ends
 constexpr char START_LOCK[] = "/var/run/vekd.lock";
 
 static int ticks_since_reread = SECONDS_GET_CURRENT;
@@ -242,6 +243,9 @@ static void run()
 		print_rb_tree_if_asked();
 		terminator_end_put_off();
 	}
+	const std::int64_t limit = monotonic_ms() + LAST_SHELLS_MS;
+	while (monotonic_ms() < limit && terminator_end_put_off())
+		;
 }
 
 void do_initcalls()

@@ -218,40 +218,60 @@ void end_shell(std::FILE *list, const seat &left, bool ssh)
 
 // Shells that are ended later, because a tool hung or tools have taken long while everybody waits: each
 // terminal once, in the order in which their sessions ended.
-struct {
+struct waiting_shell {
 	seat left;
 	bool ssh;
-} put_off[VEK_MAX_USERS];
+	std::uint64_t ended; // when its session did, in seconds since boot
+};
+waiting_shell put_off[VEK_MAX_USERS];
 int count_put_off;
 
 // False when there is no room.
 bool put_off_shell(const seat &left, bool ssh)
 {
 	auto *const end = put_off + count_put_off;
-	auto *const same = std::find_if(put_off, end, [&](const auto &shell) { return shell.left == left; });
+	auto *const same =
+	    std::find_if(put_off, end, [&](const waiting_shell &shell) { return shell.left == left; });
 	if (same == std::end(put_off))
 		return false;
-	*same = {left, ssh || (same != end && same->ssh)};
+	*same = {left, ssh || (same != end && same->ssh), seconds_since_boot};
 	count_put_off += same == end;
 	return true;
 }
 
-// By somebody who came since.
-bool is_taken(const seat &left)
+// By somebody who has come since, whose shell it is that would be found there.
+bool is_taken(const waiting_shell &shell)
 {
-	for (const user_list *ulist : userdb_use_list)
-		if (seat_of(*ulist->uinfo) == left)
+	for (const user_list *ulist : userdb_use_list) { // the newest first
+		if (ulist->uinfo->login_time < shell.ended)
+			break;
+		if (seat_of(*ulist->uinfo) == shell.left)
 			return true;
+	}
 	return false;
+}
+
+void end_waiting_shell(std::FILE *list, const waiting_shell &shell)
+{
+	if (!is_taken(shell)) {
+		std::rewind(list);
+		return end_shell(list, shell.left, shell.ssh);
+	}
+	listed_shell gone{};
+	std::string_view number(shell.left.number);
+	if (shell.ssh && take_number(&number, &gone.minor))
+		disable_sshcon(gone);
 }
 
 void clear_terminal_session(const vek_event *event)
 {
 	const auto left = seat_of(*event);
 	const bool ssh = strcmp(event->service, SERVICE_NAME_SSH) == 0;
-	const bool later = tools_rest() || vek_child_turn_is_over() || count_put_off > 0;
-	if (later && (!left || put_off_shell(*left, ssh)))
+	if (tools_rest() || vek_child_turn_is_over() || count_put_off > 0) {
+		if (left && !put_off_shell(*left, ssh) && terminator_end_put_off())
+			put_off_shell(*left, ssh);
 		return;
+	}
 	const file list = list_processes();
 	if (list != nullptr && left)
 		end_shell(list.get(), *left, ssh);
@@ -387,22 +407,21 @@ int terminator_clear_session(vek_event *event, vek_socket *)
 	return VEK_CONTINUE_DISPATCH;
 }
 
-void terminator_end_put_off()
+bool terminator_end_put_off()
 {
 	if (count_put_off == 0 || tools_rest())
-		return;
+		return false;
 	const file list = list_processes();
 	vek_begin_child_turn();
+	// Without a listing only the first one's chance is gone.
 	int done = 0;
 	do {
-		const auto &[left, ssh] = put_off[done];
-		if (list == nullptr || is_taken(left))
-			continue;
-		std::rewind(list.get());
-		end_shell(list.get(), left, ssh);
-	} while (++done < count_put_off && !vek_child_turn_is_over());
+		if (list != nullptr)
+			end_waiting_shell(list.get(), put_off[done]);
+	} while (++done < count_put_off && list != nullptr && !vek_child_turn_is_over());
 	std::copy(put_off + done, put_off + count_put_off, put_off);
 	count_put_off -= done;
+	return true;
 }
 
 int pidkill(int pid)

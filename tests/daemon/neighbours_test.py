@@ -118,24 +118,37 @@ class Neighbours(OnDevice):
         """Each takes its time, and what is left for it is used up: the rest waits, not the clients."""
         killed, lists, ends = SCRATCH + "killed", 0.3, 0.02
         stand_in("/util/suexec", f"sleep {ends}; echo $2 >>{killed}\n")
-        write(SCRATCH + "listing", "PID\n" + "".join(f"{1000 + i} 136,{i} -qzsh\n" for i in range(40)))
+        write(SCRATCH + "listing", "PID\n" + "".join(f"{1000 + i} 136,{i} -qzsh\n" for i in range(41)))
         stand_in("/bin/ps", f"sleep {lists}; cat {SCRATCH}listing\n")
         self.start()
         for i in range(40):
             self.service.login("telnet", "bob", f"pts/{i}")
             self.service.login("telnet", "bob", f"nowhere {i}")
+        self.service.login("telnet", "old", "pts/1")  # of whom nobody has told that he is gone
+        self.service.login("ssh", "bob")
+        self.service.report(vek.EVENT_UPDATE_SSH_TTY, "ssh", "bob", ssh_tty="pts/40")
+        write("/tmp/sshcon_pts.txt", "40")
+        stand_in("/usr/local/bin/qzsh", f"echo $4 >>{killed}\n")
+        self.tick()
         with self.within(lists + ends):
-            self.assertEqual(1, self.service.report(vek.EVENT_WEB_USER_LOGOUT, "telnet", "bob"))
-        self.service.login("telnet", "eve", "pts/39")  # who gets the terminal that is free again
+            self.assertEqual(1, self.service.report(vek.EVENT_WEB_USER_LOGOUT, "", "bob"))
+        self.service.login("telnet", "eve", "pts/40")  # who gets the terminal that is free again
 
         def all_are_killed():
             with self.within(lists + TURN + ends):
-                self.assertEqual(1, self.ask.count())
-            return len(read(killed).split()) == 39
+                self.assertEqual(2, self.ask.count())
+            return "sshcon" in read(killed)
 
         wait_for(all_are_killed)
         self.settle()
-        self.assertEqual([str(1000 + i) for i in range(39)], read(killed).split())
+        self.assertEqual([str(1000 + i) for i in range(40)] + ["sshcon", "disable"], read(killed).split())
+
+        for i in range(40):
+            self.service.login("telnet", "bob", f"pts/{i}")
+        os.unlink(killed)
+        self.service.report(vek.EVENT_WEB_USER_LOGOUT, "telnet", "bob")
+        self.stop()
+        self.assertEqual([str(1000 + i) for i in range(40)], read(killed).split())
 
     @unittest.skipUnless(NOBODY, "there is no other user here")
     def test_reporters_whose_tools_are_slow(self):
@@ -188,9 +201,13 @@ class Neighbours(OnDevice):
                 wait_for(lambda: not alive(int(pid)), 1)
             os.unlink(pids)
         self.assertEqual(vek.MAX_USERS - 2, self.ask.count())
-        # It is tried again, for the one who ended meanwhile.
-        stand_in("/bin/ps", "echo; echo 1 136,1 -qzsh\n")
+        # It is tried again, for those who ended meanwhile: when it hangs for the first of them, later for the next.
+        self.service.login("telnet", "bob", "pts/2")
+        self.service.logout("telnet", "bob", "pts/2")
+        with self.within(TOOL):
+            self.tick(11)
+        stand_in("/bin/ps", "echo; echo 1 136,1 -qzsh; echo 2 136,2 -qzsh\n")
         stand_in("/util/suexec", f"echo $2 >{pids}\n")
         self.tick(11)
-        self.assertEqual("1\n", read(pids))
+        self.assertEqual("2\n", read(pids))
 
