@@ -169,12 +169,14 @@ void client::say(const void *data, std::size_t size)
 void client::serve()
 {
 	char next;
-	for (vek_socket *daemon; (daemon = sock()) != nullptr; vek_sock_event_read(daemon->fd, daemon)) {
+	while (vek_socket *daemon = sock()) {
 		while (receive())
 			;
 		if (recv(daemon->fd, &next, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN)
 			return;
 		vek_begin_pass();
+		if ((daemon = sock()) != nullptr)
+			vek_sock_event_read(daemon->fd, daemon);
 	}
 }
 
