@@ -11,7 +11,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <ctime>
 #include <optional>
 
 #include "child.h"
@@ -97,6 +99,54 @@ ration of_services, of_others;
 
 bool is_service(const vek_socket *sock) { return sock != nullptr && sock->uid == 0; }
 ration &ration_of(const vek_socket *sock) { return is_service(sock) ? of_services : of_others; }
+
+// ---- descriptors that programs pass ----
+
+// A program may send descriptors along with its bytes. They are closed unseen when the bytes are read, or
+// with the connection; and when the sender has not kept the last of them, one may be a socket that lingers
+// for as long as he likes, or until a signal comes. So one comes each millisecond while this lives. A service
+// of user 0 has no need of such means.
+class no_lingering {
+public:
+	explicit no_lingering(const vek_socket *sock) : on_(!is_service(sock) && timer().made)
+	{
+		if (on_)
+			timer_settime(timer().id, 0, &often, nullptr);
+	}
+	~no_lingering()
+	{
+		if (on_)
+			timer_settime(timer().id, 0, &never, nullptr);
+	}
+	no_lingering(const no_lingering &) = delete;
+	no_lingering &operator=(const no_lingering &) = delete;
+
+private:
+	static constexpr itimerspec often{{0, 1'000'000}, {0, 1'000'000}}, never{};
+
+	struct signal_timer {
+		timer_t id{};
+		bool made;
+		signal_timer()
+		{
+			struct sigaction action {};
+			action.sa_handler = [](int) {};
+			sigevent by_signal{};
+			by_signal.sigev_notify = SIGEV_SIGNAL;
+			by_signal.sigev_signo = SIGURG;
+			made = sigaction(SIGURG, &action, nullptr) == 0 &&
+			       timer_create(CLOCK_MONOTONIC, &by_signal, &id) == 0;
+		}
+	};
+	// Made when it is first needed: a process that detaches leaves its timers behind.
+	static const signal_timer &timer()
+	{
+		static const signal_timer timer;
+		return timer;
+	}
+
+	const bool on_;
+};
 
 // ---- connections ----
 
@@ -186,8 +236,10 @@ void turn_away(int listening_fd)
 		close(spare_fd);
 	const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
 	const bool helpless = fd < 0 && errno != EAGAIN;
-	if (fd >= 0)
+	if (fd >= 0) {
+		const no_lingering now(nullptr);
 		close(fd);
+	}
 	spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
 	if (helpless)
 		pause_accept();
@@ -206,7 +258,7 @@ bool accept_client(int listening_fd, std::uint8_t type)
 		spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
 	auto *sock = static_cast<vek_socket *>(vek_malloc(sizeof(vek_socket)));
 	if (sock == nullptr) {
-		close(fd);
+		vek_close_client(fd, nullptr);
 		return true;
 	}
 	const ucred peer = peer_of(fd);
@@ -216,6 +268,7 @@ bool accept_client(int listening_fd, std::uint8_t type)
 	sock->uid = peer.uid;
 	sock->activity = ++activity_stamp;
 	if (!keep(sock) && !displace_for(sock)) {
+		const no_lingering now(sock);
 		close(sock->fd);
 		vek_free(sock);
 		return true;
@@ -235,6 +288,7 @@ void accept_queue(int listening_fd, std::uint8_t type)
 bool read_record(vek_socket *sock, void *record, std::size_t size)
 {
 	sock->activity = ++activity_stamp;
+	const no_lingering now(sock);
 	return !sock->cut && recv(sock->fd, record, size, MSG_DONTWAIT) == static_cast<ssize_t>(size);
 }
 
@@ -452,6 +506,7 @@ void vek_handle_request(int, vek_socket *sock)
 
 void vek_close_client(int fd, vek_socket *sock)
 {
+	const no_lingering now(sock);
 	if (sock != nullptr) {
 		list_del(&sock->list);
 		vek_free(sock);
