@@ -25,7 +25,8 @@ std::int64_t monotonic_ms();
 timespec timespec_of(std::int64_t ms);
 
 // Attaches an existing segment of that key read-write; put_shm detaches it. With `size` the segment must be
-// at least that long. When it cannot be found or attached, prints "Can't get shm!" and returns null.
+// at least that long, and there must be memory behind it. When it cannot be found or attached, prints "Can't
+// get shm!" and returns null.
 void *get_shm(key_t key, std::size_t size = 0);
 void put_shm(const void *address);
 

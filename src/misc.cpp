@@ -59,10 +59,35 @@ bool read_proc_uptime(unsigned long *seconds)
 	return true;
 }
 
-void *attach(int id)
+// Whoever made a segment may have made it of huge pages that the machine does not have. The kernel is asked
+// to read from each page, because reading it ourselves would be our end.
+bool has_memory(const char *address, std::size_t size)
+{
+	int ends[2];
+	if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) < 0)
+		return false;
+	const auto page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+	bool good = true;
+	for (std::size_t offset = 0; good && offset < size; offset += page)
+		good = write(ends[1], address + offset, 1) >= 0 || errno != EFAULT;
+	const int error = errno;
+	close(ends[0]);
+	close(ends[1]);
+	errno = error;
+	return good;
+}
+
+void *attach(int id, std::size_t size)
 {
 	void *address = shmat(id, nullptr, 0);
-	return reinterpret_cast<std::intptr_t>(address) == -1 ? nullptr : address;
+	if (reinterpret_cast<std::intptr_t>(address) == -1)
+		return nullptr;
+	if (has_memory(static_cast<const char *>(address), size))
+		return address;
+	const int error = errno;
+	shmdt(address);
+	errno = error;
+	return nullptr;
 }
 
 void report_failed_creation(const char *failure)
@@ -120,7 +145,7 @@ void *vek_attach_shm(key_t key, std::size_t size)
 {
 	// The look-up itself refuses a segment that is shorter than `size`.
 	const int id = shmget(key, size, PERMISSIONS);
-	return id < 0 ? nullptr : attach(id);
+	return id < 0 ? nullptr : attach(id, size);
 }
 
 void *get_shm(key_t key, std::size_t size)
@@ -141,7 +166,7 @@ void *vek_create_shm(key_t key, std::size_t size, const char *exists, const char
 					      [=](int flags) { return shmget(key, size, flags); });
 	if (found < 0)
 		return nullptr;
-	void *address = attach(found);
+	void *address = attach(found, size);
 	if (address == nullptr) {
 		report_failed_creation(failure);
 		if (created)
