@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <optional>
+#include <span>
 
 #include "vek.h"
 
@@ -28,11 +29,12 @@ constexpr int RET_ERROR_RESOURCE_NOT_FOUND = -2;
 void terminator_child_handler(int);
 
 // The handler of every event that ends a session. Always VEK_CONTINUE_DISPATCH. When tools have taken long
-// in this pass, a shell is left for the end of the pass, or for a later one.
+// in this pass, a shell or an ftp process is left for the end of the pass, or for a later one.
 int terminator_clear_session(vek_event *event, vek_socket *sock);
 
-// To be called by the main loop in each pass: ends shells for which there was no time when their sessions
-// ended, as many as a turn of the tools allows. False when there was nothing that could be done.
+// To be called by the main loop in each pass: ends ftp processes and shells for which there was no time when
+// their sessions ended, as many of each as a turn of the tools allows. False when there was nothing that
+// could be done.
 bool terminator_end_put_off();
 
 // Has a process ended through the privileged launcher. The launcher's exit status; -1 when it was not run (as
@@ -76,8 +78,13 @@ struct listed_shell {
 	int minor;
 };
 
-// The first login shell on that terminal in a process listing.
-std::optional<listed_shell> find_shell(std::FILE *list, const terminal_number &terminal);
+struct shell_search {
+	terminal_number terminal;
+	std::optional<listed_shell> shell;
+};
+
+// The first login shell on each of these terminals in a process listing, which is read once.
+void find_shells(std::FILE *list, std::span<shell_search> searches);
 
 // get_tty_by_proc on an open file.
 void read_consoles(std::FILE *consoles, char *tty1, char *tty2);

@@ -11,6 +11,8 @@
 #include <fcntl.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
+#include <sys/shm.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -44,7 +46,7 @@ template <std::size_t N> bool read_line(std::FILE *from, char (&line)[N])
 {
 	std::size_t length = 0;
 	int c;
-	while ((c = std::getc(from)) != EOF && c != '\n')
+	while ((c = getc_unlocked(from)) != EOF && c != '\n')
 		if (length < N - 1)
 			line[length++] = static_cast<char>(c);
 	line[length] = '\0';
@@ -95,39 +97,58 @@ bool take_number(std::string_view *text, int *number)
 	return true;
 }
 
-// The shell of a line "pid major,minor command" that describes one on the terminal.
-std::optional<listed_shell> match_line(std::string_view line, const terminal_number &terminal)
+struct shell_line {
+	listed_shell shell;
+	int major;
+	std::string_view minor; // as it stands there
+};
+
+// What a line "pid major,minor command" says, when it describes a login shell.
+std::optional<shell_line> read_shell(std::string_view line)
 {
 	if (line.find("-qzsh") == line.npos) // as login shells of the command line are called
 		return {};
-	listed_shell shell;
-	int major;
-	if (!take_number(&line, &shell.pid) || shell.pid <= 0 || !take_number(&line, &major) ||
-	    major != terminal.major || line.empty() || line.front() != ',')
+	shell_line read;
+	if (!take_number(&line, &read.shell.pid) || read.shell.pid <= 0 || !take_number(&line, &read.major) ||
+	    line.empty() || line.front() != ',')
 		return {};
 	line.remove_prefix(1);
 	skip_blanks(&line);
 	const auto word_end =
 	    std::find_if(line.begin(), line.end(), [](unsigned char c) { return std::isspace(c); });
-	const std::string_view minor(line.begin(), word_end), wanted(terminal.minor);
-	if (wanted.empty() || !(terminal.prefix ? minor.starts_with(wanted) : minor == wanted))
+	read.minor = {line.begin(), word_end};
+	if (!take_number(&line, &read.shell.minor))
 		return {};
-	if (!take_number(&line, &shell.minor))
-		return {};
-	return shell;
+	return read;
+}
+
+bool is_on(const shell_line &line, const terminal_number &terminal)
+{
+	const std::string_view wanted(terminal.minor);
+	return line.major == terminal.major && !wanted.empty() &&
+	       (terminal.prefix ? line.minor.starts_with(wanted) : line.minor == wanted);
+}
+
+// Empties the file of the listing. False when it cannot be.
+bool clear_listing()
+{
+	const int fd = vek_open_planted(VEK_PSLIST, O_WRONLY | O_TRUNC);
+	if (fd >= 0)
+		close(fd);
+	return fd >= 0 || errno == ENOENT;
 }
 
 // A fresh listing of all processes with a terminal, or null. An older list is none.
 file list_processes()
 {
-	if (const int fd = vek_open_planted(VEK_PSLIST, O_WRONLY | O_TRUNC); fd >= 0)
-		close(fd);
-	else if (errno != ENOENT)
+	if (!clear_listing())
 		return nullptr;
 	if (!listing.run([] {
 		    return vek_run_shell("/bin/ps -o 'pid,tty,args' | sed 1d | grep -v '?' > " VEK_PSLIST);
-	    }))
+	    })) {
+		clear_listing(); // there may be no end to what was written until it was killed
 		return nullptr;
+	}
 	const int fd = vek_open_planted(VEK_PSLIST, O_RDONLY);
 	if (fd < 0)
 		return nullptr;
@@ -207,9 +228,8 @@ void disable_sshcon(const std::optional<listed_shell> &shell)
 	sshcon.run([] { return vek_run_shell("qzsh -p 100 -e \"sshcon disable\""); });
 }
 
-void end_shell(std::FILE *list, const seat &left, bool ssh)
+void end_shell(const std::optional<listed_shell> &shell, bool ssh)
 {
-	const auto shell = find_shell(list, left.terminal());
 	if (shell)
 		pidkill(shell->pid);
 	if (ssh)
@@ -251,16 +271,40 @@ bool is_taken(const waiting_shell &shell)
 	return false;
 }
 
-void end_waiting_shell(std::FILE *list, const waiting_shell &shell)
+void end_waiting_shell(const waiting_shell &waiting, const std::optional<listed_shell> &shell)
 {
-	if (!is_taken(shell)) {
-		std::rewind(list);
-		return end_shell(list, shell.left, shell.ssh);
-	}
+	if (!is_taken(waiting))
+		return end_shell(shell, waiting.ssh);
 	listed_shell gone{};
-	std::string_view number(shell.left.number);
-	if (shell.ssh && take_number(&number, &gone.minor))
+	std::string_view number(waiting.left.number);
+	if (waiting.ssh && take_number(&number, &gone.minor))
 		disable_sshcon(gone);
+}
+
+// As many as a turn of the tools allows, with one listing. False when there was nothing that could be done.
+bool end_waiting_shells()
+{
+	if (count_put_off == 0 || tools_rest())
+		return false;
+	static shell_search searches[VEK_MAX_USERS];
+	const file list = list_processes();
+	vek_begin_child_turn();
+	if (list != nullptr) {
+		std::transform(put_off, put_off + count_put_off, searches,
+			       [](const waiting_shell &shell) -> shell_search {
+				       return {shell.left.terminal(), {}};
+			       });
+		find_shells(list.get(), {searches, static_cast<std::size_t>(count_put_off)});
+	}
+	// Without a listing only the first one's chance is gone.
+	int done = 0;
+	do {
+		if (list != nullptr)
+			end_waiting_shell(put_off[done], searches[done].shell);
+	} while (++done < count_put_off && list != nullptr && !vek_child_turn_is_over());
+	std::copy(put_off + done, put_off + count_put_off, put_off);
+	count_put_off -= done;
+	return true;
 }
 
 void clear_terminal_session(const vek_event *event)
@@ -268,13 +312,16 @@ void clear_terminal_session(const vek_event *event)
 	const auto left = seat_of(*event);
 	const bool ssh = strcmp(event->service, SERVICE_NAME_SSH) == 0;
 	if (tools_rest() || vek_child_turn_is_over() || count_put_off > 0) {
-		if (left && !put_off_shell(*left, ssh) && terminator_end_put_off())
+		if (left && !put_off_shell(*left, ssh) && end_waiting_shells())
 			put_off_shell(*left, ssh);
 		return;
 	}
 	const file list = list_processes();
-	if (list != nullptr && left)
-		end_shell(list.get(), *left, ssh);
+	if (list == nullptr || !left)
+		return;
+	shell_search search{left->terminal(), {}};
+	find_shells(list.get(), {&search, 1});
+	end_shell(search.shell, ssh);
 }
 
 // ---- ftp sessions ----
@@ -356,6 +403,50 @@ private:
 	ClientTerminateList copy_{};
 };
 
+// Who makes the table says which processes are ended, by a launcher that may end any: his own, unless he is
+// root. And anybody may have written into it.
+bool may_be_ended(int pid)
+{
+	if (pid <= 1 || pid == getpid())
+		return false;
+	shmid_ds table;
+	if (shmctl(shmget(PUREFTP_IPC_SHM_KEY, 0, 0), IPC_STAT, &table) < 0)
+		return false;
+	char path[32];
+	std::snprintf(path, sizeof path, "/proc/%d", pid);
+	struct stat process;
+	return table.shm_perm.cuid == 0 ||
+	       (stat(path, &process) == 0 && process.st_uid == table.shm_perm.cuid);
+}
+
+// Processes that are ended later, for the same reasons as shells. A table that somebody keeps filling names
+// more of them than there are.
+int waiting_processes[VEK_MAX_USERS];
+int count_waiting_processes;
+
+void end_process(int pid)
+{
+	if (!launcher.rests() && !vek_child_turn_is_over() && count_waiting_processes == 0)
+		pidkill(pid);
+	else if (count_waiting_processes < VEK_MAX_USERS)
+		waiting_processes[count_waiting_processes++] = pid;
+}
+
+// As many as a turn of the tools allows. False when there was nothing that could be done.
+bool end_waiting_processes()
+{
+	if (count_waiting_processes == 0 || launcher.rests())
+		return false;
+	vek_begin_child_turn();
+	int done = 0;
+	do
+		pidkill(waiting_processes[done]);
+	while (++done < count_waiting_processes && !vek_child_turn_is_over());
+	std::copy(waiting_processes + done, waiting_processes + count_waiting_processes, waiting_processes);
+	count_waiting_processes -= done;
+	return true;
+}
+
 void clear_ftp_session(const vek_event *event)
 {
 	char address[INET_ADDRSTRLEN];
@@ -367,8 +458,8 @@ void clear_ftp_session(const vek_event *event)
 		bsemaphore_v(PUREFTP_IPC_KEY);
 	else // nothing was taken to be given back; a missing set is reported again
 		open_semaphore(PUREFTP_IPC_KEY, 'v');
-	if (pid > 0)
-		pidkill(pid);
+	if (may_be_ended(pid))
+		end_process(pid);
 }
 
 constexpr vek_registration registrations[] = {
@@ -409,19 +500,8 @@ int terminator_clear_session(vek_event *event, vek_socket *)
 
 bool terminator_end_put_off()
 {
-	if (count_put_off == 0 || tools_rest())
-		return false;
-	const file list = list_processes();
-	vek_begin_child_turn();
-	// Without a listing only the first one's chance is gone.
-	int done = 0;
-	do {
-		if (list != nullptr)
-			end_waiting_shell(list.get(), put_off[done]);
-	} while (++done < count_put_off && list != nullptr && !vek_child_turn_is_over());
-	std::copy(put_off + done, put_off + count_put_off, put_off);
-	count_put_off -= done;
-	return true;
+	const bool processes = end_waiting_processes();
+	return end_waiting_shells() || processes;
 }
 
 int pidkill(int pid)
@@ -449,13 +529,14 @@ void get_tty_by_proc(char *tty1, char *tty2)
 		read_consoles(consoles.get(), tty1, tty2);
 }
 
-std::optional<listed_shell> find_shell(std::FILE *list, const terminal_number &terminal)
+void find_shells(std::FILE *list, std::span<shell_search> searches)
 {
-	char line[256];
-	while (read_line(list, line))
-		if (const auto shell = match_line(line, terminal))
-			return shell;
-	return {};
+	char text[256];
+	while (read_line(list, text))
+		if (const auto line = read_shell(text))
+			for (shell_search &search : searches)
+				if (!search.shell && is_on(*line, search.terminal))
+					search.shell = line->shell;
 }
 
 int get_pts_num()

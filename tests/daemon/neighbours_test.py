@@ -150,6 +150,25 @@ class Neighbours(OnDevice):
         self.stop()
         self.assertEqual([str(1000 + i) for i in range(40)], read(killed).split())
 
+    def test_launcher_that_is_slow_with_ftp_sessions(self):
+        killed, ends, pids = SCRATCH + "killed", 0.05, list(range(2000000, 2000049))
+        stand_in("/util/suexec", f"sleep {ends}; echo $2 >>{killed}\n")
+        _, lock = self.ftp_clients(*((pid, "bob", "0.0.0.0") for pid in pids))
+        LIBC.semctl(lock, 0, SETVAL, 1)
+        self.start()
+        for _ in pids:
+            self.service.login("ftp", "bob")
+        with self.within(TURN + ends):
+            self.assertEqual(1, self.service.report(vek.EVENT_WEB_USER_LOGOUT, "", "bob"))
+
+        def all_are_killed():
+            with self.within(TURN + ends):
+                self.assertEqual(0, self.ask.count())
+            return len(read(killed).split()) == len(pids)
+
+        wait_for(all_are_killed)
+        self.assertEqual(pids, [int(pid) for pid in read(killed).split()])
+
     @unittest.skipUnless(NOBODY, "there is no other user here")
     def test_reporters_whose_tools_are_slow(self):
         asks = 0.2

@@ -3,6 +3,7 @@ processes, the dump of the portal's stations; whatever those programs put there.
 import vek
 from device import *
 
+SHM_HUGETLB, SHM_NORESERVE = 0o4000, 0o10000
 
 class Shared(OnDevice):
     def setUp(self):
@@ -21,16 +22,20 @@ class Shared(OnDevice):
         self.start()
         small = checked(LIBC.shmget(vek.PUREFTP_IPC_SHM_KEY, ctypes.sizeof(vek.ClientTerminateList) - 8, IPC_CREAT))
         table = vek.ClientTerminateList.from_address(checked(LIBC.shmat(small, None, 0)))
-        table.size, table.list[0] = 1, vek.ClientTerminateInformation(100, "user0", "0.0.0.0")
+        table.size, table.list[0] = 1, vek.ClientTerminateInformation(2000000, "user0", "0.0.0.0")
         self.assertEqual([], self.log_out("ftp", "user0"))
         LIBC.shmctl(small, IPC_RMID, None)
+        # Of pages that the machine most likely does not have: whoever touches one is killed.
+        huge = LIBC.shmget(vek.PUREFTP_IPC_SHM_KEY, 2 << 20, IPC_CREAT | SHM_HUGETLB | SHM_NORESERVE)
+        self.assertEqual([], self.log_out("ftp", "user0"))
+        LIBC.shmctl(huge, IPC_RMID, None)
         table, lock = self.ftp_clients()
         LIBC.semctl(lock, 0, SETVAL, 1)
 
         def fill(size):
             table.size = size
             for i in range(50):
-                table.list[i] = vek.ClientTerminateInformation(100 + i, f"user{i}", "10.0.0.1")
+                table.list[i] = vek.ClientTerminateInformation(2000000 + i, f"user{i}", "10.0.0.1")
 
         def log_out(user, ip="10.0.0.1"):
             """Whom it ends, and how many entries are left."""
@@ -38,19 +43,19 @@ class Shared(OnDevice):
 
         fill(5)
         table.list[4].username = "user2"
-        self.assertEqual(([102], 4), log_out("user2"))
-        self.assertEqual(([104], 3), log_out("user2"))
-        self.assertEqual(([103], 2), log_out("user3"))
+        self.assertEqual(([2000002], 4), log_out("user2"))
+        self.assertEqual(([2000004], 3), log_out("user2"))
+        self.assertEqual(([2000003], 2), log_out("user3"))
         self.assertEqual(([], 2), log_out("user1", "10.0.0.2"))
         self.assertEqual(([], 2), log_out("user"))
-        for pid in (0, -1, -2 ** 31 + 1):  # whole groups: the entry goes, nobody is ended
+        for pid in (0, -1, -2 ** 31 + 1, 1, self.pid):  # the entry goes, no group, init or vekd is ended
             fill(1)
             table.list[0].pid = pid
             self.assertEqual(([], 0), log_out("user0"), pid)
         for size in (0, 1, 49, 50, 2 ** 32 + 1, 2 ** 64 - 1):
             fill(size)
             usable = 1 <= size <= 49
-            self.assertEqual(([100] * usable, size - usable), log_out("user0"), size)
+            self.assertEqual(([2000000] * usable, size - usable), log_out("user0"), size)
         fill(49)
         self.assertEqual(([], 49), log_out("user49"), "behind the last")
         # What has no end is nobody's, also not together with what follows.
@@ -59,6 +64,17 @@ class Shared(OnDevice):
                        b"192.168.100.1000", 16)
         self.assertEqual(([], 49), log_out("a" * 32 + "10.0.0.1"))
         self.assertEqual(([], 49), log_out("user1", "192.168.100.100"))
+
+    @unittest.skipUnless(NOBODY, "there is no other user here")
+    def test_an_ftp_table_of_somebody_ends_only_his_processes(self):
+        self.start()
+        os.seteuid(NOBODY)
+        his, (table, lock) = self.process(), self.ftp_clients()
+        os.seteuid(0)
+        LIBC.semctl(lock, 0, SETVAL, 1)
+        for pid in (os.getpid(), his.pid):
+            table.size, table.list[0] = 1, vek.ClientTerminateInformation(pid, "bob", "0.0.0.0")
+            self.assertEqual([pid] * (pid == his.pid), self.log_out("ftp", "bob"))
 
     def test_lockouts_age_at_the_boundary_seconds(self):
         self.start()

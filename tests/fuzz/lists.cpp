@@ -13,11 +13,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 		return 0;
 	std::string text(data, data + size);
 	std::FILE *list = fmemopen(text.data(), size, "r");
-	constexpr terminal_number terminals[] = {
-	    {136, "0", false}, {136, "12", false}, {4, "64", true}, {136, "", true}};
-	for (const terminal_number &terminal : terminals) {
-		std::rewind(list);
-		const auto shell = find_shell(list, terminal);
+	shell_search searches[] = {
+	    {{136, "0", false}, {}}, {{136, "12", false}, {}}, {{4, "64", true}, {}}, {{136, "", true}, {}}};
+	find_shells(list, searches);
+	for (const auto &[terminal, shell] : searches) {
 		bool listed = false;
 		std::istringstream lines(text);
 		for (std::string line; shell && std::getline(lines, line);)
