@@ -1,5 +1,7 @@
 """hostile_test.py: clients that do everything wrong, all at once, and a service beside them that must not notice.
 HOSTILE_SECONDS: how long (10)."""
+import struct
+
 import vek
 from device import *
 
@@ -90,6 +92,35 @@ class Hostile(OnDevice):
             self.assertRegex(self.output(), f"shut down {what} .* did not read")
         self.assertEqual(1000, self.ask.count())
         wait_for(lambda: self.settle() or self.descriptors() < 16, 60)  # or something of them stays
+
+    @unittest.skipUnless(NOBODY, "there is no other user here")
+    def test_descriptors_that_linger_hold_nobody_up(self):
+        """Each holds whoever closes it last for an hour, or for up to a second: until a signal comes."""
+        server = socket.socket()
+        self.addCleanup(server.close)
+        server.bind(("127.0.0.1", 0))
+        server.listen()
+        self.start()
+        os.seteuid(NOBODY)
+        clients = [Client("notify") for _ in range(20)]
+        os.seteuid(0)
+        self.kill(signal.SIGSTOP)  # so that it is the one who closes them last
+        for client in clients:
+            lingers = socket.socket()
+            lingers.connect(server.getsockname())
+            lingers.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 3600))
+            lingers.setblocking(False)
+            with contextlib.suppress(BlockingIOError):
+                while True:
+                    lingers.send(bytes(1 << 20))
+            with socket.socket(fileno=os.dup(client.fd)) as way:
+                socket.send_fds(way, [notice(vek.EVENT_UPDATE_IDLE_TIME, "ssh", "nobody", ip=1)], [lingers.fileno()])
+            lingers.close()
+        self.kill(signal.SIGCONT)
+        start = time.monotonic()
+        for client in clients:
+            self.assertEqual(4, len(client.read(4)))
+        self.assertLess(time.monotonic() - start, SLOWER)
 
     def test_late_readers_put_nobody_off(self):
         self.start()
