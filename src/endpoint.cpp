@@ -355,11 +355,23 @@ bool may_be_long(const vek_socket *sock)
 
 // ---- records that are put off ----
 
-// What a report starts may take long as well: the tools that it has run.
+// What a report starts may take long as well: the tools that it has run, or the thousand sessions that it
+// moves or ends. Those of programs without rights have this much of a pass, from the first of them on.
+constexpr std::int64_t OTHERS_TURN_MS = 100;
+std::int64_t others_turn_since_ms; // 0 until there is one
+
+bool others_turn_is_over()
+{
+	const std::int64_t now = monotonic_ms();
+	if (others_turn_since_ms == 0)
+		others_turn_since_ms = now;
+	return now - others_turn_since_ms >= OTHERS_TURN_MS || vek_child_turn_is_over();
+}
+
 bool must_wait(const vek_socket *sock)
 {
 	if (sock->type == VEK_SOCKTYPE_NOTIFY)
-		return !is_service(sock) && vek_child_turn_is_over();
+		return !is_service(sock) && others_turn_is_over();
 	return sock->type == VEK_SOCKTYPE_REQUEST && !ration_of(sock).allows_a_long_answer() &&
 	       may_be_long(sock);
 }
@@ -590,6 +602,7 @@ void vek_free_deferred_logout(vek_deferred_logout *parked)
 void vek_begin_pass()
 {
 	vek_begin_child_turn();
+	others_turn_since_ms = 0;
 	for (ration *ration : {&of_services, &of_others})
 		ration->begin_pass();
 	if (!some_put_off)

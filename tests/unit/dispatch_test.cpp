@@ -5,6 +5,8 @@
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -118,6 +120,39 @@ TEST(Wait, IsRationedByPassesApartForServicesAndOthers)
 	inject({"send", ENOBUFS, true, [] { clock_ms++; }}, 1);
 	EXPECT_NEAR(500, wait_for(0, services[2]), 20) << "and once for each further part";
 	EXPECT_TRUE(heal());
+}
+
+TEST(Wait, IsShortForServicesBesideLongReportsOfOthers)
+{
+	static std::string handled;
+	handled.clear();
+	core running;
+	vek_register_event(VEK_EVENT_UPDATE_ACCOUNTING_STATUS, 0, [](vek_event *event, vek_socket *) {
+		clock_ms += 60;
+		handled += event->username;
+		return VEK_STOP_DISPATCH;
+	});
+	client clients[] = {client(VEK_SOCKTYPE_NOTIFY), client(VEK_SOCKTYPE_NOTIFY),
+			    client(VEK_SOCKTYPE_NOTIFY), client(VEK_SOCKTYPE_NOTIFY),
+			    client(VEK_SOCKTYPE_NOTIFY)};
+	const char *const names[] = {"a", "b", "c", "d", "S"};
+	clients[4].sock()->uid = 0;
+	for (int i = 0; i < 5; i++) {
+		const vek_event report = make_event(VEK_EVENT_UPDATE_ACCOUNTING_STATUS, {"", names[i]});
+		send(clients[i].sock()->pid, &report, sizeof(report), 0);
+	}
+	const auto pass = [&] {
+		vek_begin_pass();
+		for (const client &client : clients) {
+			vek_socket *sock = client.sock();
+			int waiting;
+			if (ioctl(sock->fd, FIONREAD, &waiting) == 0 && waiting > 0)
+				vek_sock_event_read(sock->fd, sock);
+		}
+		return std::exchange(handled, {});
+	};
+	EXPECT_EQ("abS", pass());
+	EXPECT_EQ("cd", pass()) << "who was put off first has his turn first";
 }
 
 TEST(Clock, Ticks)
