@@ -25,7 +25,9 @@ int pass_on(vek_event *event, vek_socket *sock)
 	return VEK_CONTINUE_DISPATCH;
 }
 
-constexpr int MAX_SUBSCRIPTIONS = 2; // of one connection
+// Of one connection. Each costs the daemon a copy of every event, and a thousand sessions may end at once:
+// more than anybody means is an attack on the others.
+int max_subscriptions(const vek_socket *sock) { return sock->uid == 0 ? 2 : 1; }
 
 int subscriptions_of(int fd)
 {
@@ -61,8 +63,7 @@ int listener_handle_tunnel(vek_event *event, vek_socket *sock)
 
 int listener_handle_app_listen(vek_event *, vek_socket *sock)
 {
-	// Each costs the daemon a copy of every event: more than anybody means is an attack on the others.
-	if (subscriptions_of(sock->fd) >= MAX_SUBSCRIPTIONS)
+	if (subscriptions_of(sock->fd) >= max_subscriptions(sock))
 		return VEK_STOP_DISPATCH;
 	auto *listener = static_cast<vek_listener *>(vek_malloc(sizeof(vek_listener)));
 	if (listener == nullptr)

@@ -974,6 +974,7 @@ int main(int argc, char **argv)
 	const auto told = std::make_unique<telling>();
 	generator random(seed);
 	client asker, subscriber;
+	subscriber.sock()->uid = 0; // who may subscribe twice
 	string difference;
 	while (difference.empty() && done < steps) {
 		++done;
