@@ -81,7 +81,10 @@ static int vek_write_pid()
 
 static void vek_remove_pid()
 {
-	if (pid_file_is_ours)
+	char text[16];
+	// Somebody may have removed it, and another daemon may have written its own.
+	if (pid_file_is_ours && vek_read_planted(VEK_PID_FILE, text, sizeof(text)) >= 0 &&
+	    (text[0] == '\0' || std::atoi(text) == getpid()))
 		unlink(VEK_PID_FILE);
 }
 
@@ -207,20 +210,23 @@ static int start_up()
 	handle_signal(SIGINT, vek_set_exit);
 	handle_signal(SIGTERM, vek_set_exit);
 	handle_signal(SIGPIPE, SIG_IGN);
+	handle_signal(SIGXFSZ, SIG_IGN);
 	handle_signal(SIGHUP, vek_set_config_change);
 	vek_update_timer();
 	handle_signal(SIGALRM, vek_set_timer);
 	const itimerval every_second{{1, 0}, {1, 0}};
 	setitimer(ITIMER_REAL, &every_second, nullptr);
 
+	rb_root = create_rbtree();
+	handle_signal(SIGUSR1, print_rb_tree);
+
+	// From here on others may send all of these.
 	if (vek_write_pid() < 0)
 		return give_up("Can't write the pid file!\n");
 	release_start_lock();
 	// The result may rightly be -1; a daemon with its old priority still serves.
 	if (nice(DEFAULT_VEK_NICE_VALUE) == -1)
 		errno = 0;
-	rb_root = create_rbtree();
-	handle_signal(SIGUSR1, print_rb_tree);
 	return 0;
 }
 

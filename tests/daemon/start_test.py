@@ -41,6 +41,15 @@ class StartUp(OnDevice):
                 self.assertEqual(255, exit_status(self.spawn("-d")))
                 self.assertFalse(os.path.exists(vek.PID_FILE))
                 self.assertFalse(blocks_exist())
+        no_bytes = subprocess.run(["bash", "-c", "ulimit -f 0; exec $VEKD -d"], stderr=subprocess.DEVNULL)
+        self.assertEqual(255, no_bytes.returncode)
+        self.assertFalse(os.path.exists(vek.PID_FILE))
+
+    def test_removes_only_its_own_pid_file(self):
+        self.start()
+        write(vek.PID_FILE, "1000000")  # of a daemon that found none
+        self.stop()
+        self.assertEqual("1000000", read(vek.PID_FILE))
 
     def test_one_of_two_starts_at_once_serves(self):
         """Whatever they inherit. A second one would be found when the test ends."""
