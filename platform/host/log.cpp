@@ -16,6 +16,7 @@
 
 #include "host.h"
 #include "qzlog.h"
+#include "text.h"
 
 namespace {
 
@@ -103,12 +104,14 @@ bool log_line(int priority, const char *time, const char *text)
 	    std::snprintf(line, 64, "<%d>%s vekd[%ld]: ", LOG_DAEMON | (priority & LOG_PRIMASK), time,
 	                  static_cast<long>(getpid())));
 	// A user name is whatever its user typed: a line break in it must not begin a line of its own.
-	for (std::size_t i = 0; i < max_text && text[i] != '\0'; ++i) {
-		const auto c = static_cast<unsigned char>(text[i]);
-		if (c >= ' ' && c != 0x7f) {
+	std::size_t controls = 0;
+	for (std::size_t i = 0; i + 1 < max_text && text[i] != '\0'; ++i) {
+		if (controls == 0 && (controls = control_length(text + i)) == 0) {
 			line[length++] = text[i];
 			continue;
 		}
+		--controls;
+		const auto c = static_cast<unsigned char>(text[i]);
 		line[length++] = '\\';
 		line[length++] = 'x';
 		line[length++] = digits[c >> 4];

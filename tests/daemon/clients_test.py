@@ -20,12 +20,12 @@ class BadInput(OnDevice):
     def test_records_that_are_none(self):
         self.start()
         success = bytes(vek.response(vek.RESPONSE_SUCCESS))
-        event = notice(vek.EVENT_USER_LOGIN, "ssh", "bob\n<25>eve\x1b[2J")
+        event = notice(vek.EVENT_USER_LOGIN, "ssh", "bob\n<25>eve\x1b[2J\u009b2Jé")
         reporting = self.after_bad_numbers("notify", event, (0, 6, 9, 12, 18, 23, 31, 33, 39, -1, INT_MIN, INT_MAX))
         reporting.write(event)
         self.assertEqual(success, reporting.read(len(success)))
         self.assertFalse(reporting.pending(), "that is the only answer")
-        self.logged("User bob\\x0a<25>eve\\x1b[2J ssh login.")  # a name forges no line
+        self.logged("User bob\\x0a<25>eve\\x1b[2J\\xc2\\x9b2Jé ssh login.")  # a name forges no line
 
         # Text without an end.
         endless = vek.event.from_buffer_copy(b"A" * ctypes.sizeof(event))
