@@ -357,7 +357,7 @@ bool may_be_long(const vek_socket *sock)
 
 // What a report starts may take long as well: the tools that it has run, or the thousand sessions that it
 // moves or ends. Those of programs without rights have this much of a pass, from the first of them on.
-constexpr std::int64_t OTHERS_TURN_MS = 100;
+constexpr std::int64_t OTHERS_TURN_MS = 20;
 std::int64_t others_turn_since_ms; // 0 until there is one
 
 bool others_turn_is_over()
