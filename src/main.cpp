@@ -84,7 +84,7 @@ static void vek_remove_pid()
 	char text[16];
 	// Somebody may have removed it, and another daemon may have written its own.
 	if (pid_file_is_ours && vek_read_planted(VEK_PID_FILE, text, sizeof(text)) >= 0 &&
-	    (text[0] == '\0' || std::atoi(text) == getpid()))
+	    (text[0] == '\0' || std::strtol(text, nullptr, 10) == getpid()))
 		unlink(VEK_PID_FILE);
 }
 
