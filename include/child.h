@@ -12,8 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
-constexpr int VEK_CHILD_LIMIT_MS = 2000; // of one tool, from its start to its end
-constexpr int VEK_CHILD_END_MS = 1000;   // for one that was killed; after it the reaper takes care of it
+constexpr int VEK_CHILD_LIMIT_MS = 1000; // of one tool, from its start to its end
+constexpr int VEK_CHILD_END_MS = 250;    // for one that was killed; after it the reaper takes care of it
 constexpr int VEK_CHILD_STALLED = -2;    // no status of waitpid: it had to be killed
 
 // Everybody waits while children run. When they have taken this long in all since a turn was begun, what can

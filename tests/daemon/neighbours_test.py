@@ -5,7 +5,7 @@ from device import *
 
 # Seconds that each may cost: the log in any one second, a semaphore once, a tool at each start, and all tools together
 # in a pass before what can wait does.
-LOG, SEMAPHORE, TOOL, TURN = 0.1, 1, 2, 0.25
+LOG, SEMAPHORE, TOOL, TURN = 0.1, 1, 1, 0.25
 
 
 class Neighbours(OnDevice):
