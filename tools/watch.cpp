@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <ctime>
 #include <poll.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include "events.h"
@@ -122,16 +121,18 @@ private:
 	bool coloured_;
 };
 
+// Whoever asks the command to end need not wait for the daemon, nor for a reader of its output.
+void end_when_asked()
+{
+	for (const int number : {SIGINT, SIGTERM})
+		if (std::signal(number, [](int) { _exit(status_ok); }) == SIG_IGN)
+			std::signal(number, SIG_IGN);
+}
+
 class watcher {
 public:
 	watcher(const settings &set, const watch_options &options) : set_(set), options_(options), out_(set)
 	{
-		sigset_t signals;
-		sigemptyset(&signals);
-		sigaddset(&signals, SIGINT);
-		sigaddset(&signals, SIGTERM);
-		sigprocmask(SIG_BLOCK, &signals, nullptr);
-		signals_ = signalfd(-1, &signals, SFD_CLOEXEC);
 		if (options.seconds > 0)
 			end_ = clock_type::now() +
 			       std::chrono::milliseconds(static_cast<long long>(options.seconds * 1000));
@@ -163,9 +164,9 @@ public:
 	}
 
 private:
-	enum outcome { ready, passed, over, interrupted };
+	enum outcome { ready, passed, over };
 
-	// Until there is something to read, `at_most_ms` have passed, the watch is over, or somebody ends it.
+	// Until there is something to read, `at_most_ms` have passed, or the watch is over.
 	outcome wait(int fd, int at_most_ms)
 	{
 		for (;;) {
@@ -180,14 +181,11 @@ private:
 								 : std::min<long long>(left, rest));
 			}
 			// Nothing is asked of standard output: a reader that went away shows as an error.
-			struct pollfd watched[] = {
-			    {fd, POLLIN, 0}, {signals_, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+			struct pollfd watched[] = {{fd, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
 			const int found = poll(watched, std::size(watched), left);
 			if (found < 0 && errno != EINTR)
 				throw failure{status_refused, "cannot wait for events"};
-			if (found > 0 && watched[1].revents)
-				return interrupted;
-			if (found > 0 && (watched[2].revents & (POLLERR | POLLNVAL)))
+			if (found > 0 && (watched[1].revents & (POLLERR | POLLNVAL)))
 				throw failure{status_refused, ""};
 			if (found > 0 && watched[0].revents)
 				return ready;
@@ -231,7 +229,6 @@ private:
 	const watch_options &options_;
 	printer out_;
 	connection client_{nullptr, &vek_client_close};
-	int signals_;
 	clock_type::time_point end_;
 };
 
@@ -240,9 +237,11 @@ private:
 void add_watch_command(CLI::App &app, settings &set)
 {
 	auto options = std::make_shared<watch_options>();
-	CLI::App *command =
-	    add_command(app, set, "watch", "Follow logins and logouts as they happen",
-			"vekctl watch --for 60 --json", [&set, options] { watcher(set, *options).run(); });
+	CLI::App *command = add_command(app, set, "watch", "Follow logins and logouts as they happen",
+					"vekctl watch --for 60 --json", [&set, options] {
+						end_when_asked();
+						watcher(set, *options).run();
+					});
 	command->add_option("--for", options->seconds, "end after so many seconds")
 	    ->check(CLI::Range(0.001, 1e9))
 	    ->type_name("SECONDS");
