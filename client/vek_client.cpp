@@ -21,6 +21,7 @@ namespace {
 
 enum class connection : std::uint8_t { notify, request, subscribed, unusable };
 
+constexpr int most_early_copies = 4 * VEK_MAX_USERS; // before a subscription is confirmed
 constexpr int backlog_pause_ms = 5; // between two attempts while the daemon's queue of connections is full
 
 } // namespace
@@ -292,7 +293,9 @@ int end_session(const struct user_info *session, void *arg)
 	copy_text(logout.unique, session->unique);
 	logout.ip = session->ip;
 	logout.ip6 = session->ip6;
-	if (!IN6_IS_ADDR_UNSPECIFIED(&session->ip6))
+	// As IPv6 "no address" is a key too; without it and without a name, a unique key that holds a MAC
+	// address would mean a station.
+	if (!IN6_IS_ADDR_UNSPECIFIED(&session->ip6) || (session->ip == 0 && *session->username == '\0'))
 		logout.event_flag = VEK_EVENT_FLAG_USED_IPV6_ADDR;
 	vek_client_set_timeout(ending->notify, ending->end.remaining());
 	// Nobody matched: the logout of one alike, or the user, was faster. It is ended all the same.
@@ -430,6 +433,8 @@ int vek_client_subscribe(struct vek_client *client)
 			return give_up(client);
 		if (record.event == VEK_EVENT_QUERY_RESULT)
 			break;
+		if (client->pending == most_early_copies)
+			return give_up(client, EPROTO);
 		if (!keep_early(client, record))
 			return give_up(client, ENOMEM);
 	}

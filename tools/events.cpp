@@ -60,7 +60,8 @@ bool is_same_session(const user_info &a, const user_info &b)
 	       a.ip == b.ip && IN6_ARE_ADDR_EQUAL(&a.ip6, &b.ip6) && a.login_time == b.login_time;
 }
 
-// One session's own keys in place of the search's.
+// One session's own keys in place of the search's. As IPv6 "no address" is a key too; without it and without
+// a name, a unique key that holds a MAC address would mean a station.
 vek_event logout_of(const user_info &session, vek_event event)
 {
 	std::memcpy(event.service, session.service, sizeof(event.service));
@@ -69,7 +70,7 @@ vek_event logout_of(const user_info &session, vek_event event)
 	event.ip = session.ip;
 	event.ip6 = session.ip6;
 	event.event_flag &= ~VEK_EVENT_FLAG_USED_IPV6_ADDR;
-	if (!IN6_IS_ADDR_UNSPECIFIED(&session.ip6))
+	if (!IN6_IS_ADDR_UNSPECIFIED(&session.ip6) || (session.ip == 0 && !*session.username))
 		event.event_flag |= VEK_EVENT_FLAG_USED_IPV6_ADDR;
 	return event;
 }
@@ -118,12 +119,12 @@ void logout(const settings &set, draft &event, const logout_options &options, in
 	require_key(event);
 	event.record.event = number;
 	const sessions found = matching(set, event.record);
+	if (options.dry_run || found.empty())
+		print_sessions(set, found, "would end", options.dry_run);
 	if (found.empty() && !event.all)
 		throw failure{status_refused, "no session matches"};
-	if (options.dry_run)
-		return print_sessions(set, found, "would end", true);
-	if (found.empty())
-		return print_sessions(set, found, "", false);
+	if (options.dry_run || found.empty())
+		return;
 
 	const connection notify = connect_notify(set);
 	if (number == VEK_EVENT_USER_LOGOUT_REVOCABLE) {
@@ -179,14 +180,16 @@ add_event_command(CLI::App &parent, settings &set, const std::string &name, cons
 		const std::string_view field_name = field.name;
 		if (field_name == "event" || field_name == "count")
 			continue;
-		const std::string option =
-		    field_name == "update" ? "--minutes,--update" : option_name(field_name);
-		const auto set_from_text = [event, &field](const std::string &text) {
+		const bool is_minutes = field_name == "update";
+		const std::string option = is_minutes ? "--minutes" : option_name(field_name);
+		const auto set_from_text = [event, &field, option](const std::string &text) {
 			if (const auto problem = set_field(field, &event->record, text))
-				throw CLI::ValidationError(option_name(field.name), *problem);
+				throw CLI::ValidationError(option, *problem);
 			event->given.insert(field.name);
 		};
-		command->add_option_function<std::string>(option, set_from_text, option_description(field))
+		command
+		    ->add_option_function<std::string>(is_minutes ? option + ",--update" : option,
+						       set_from_text, option_description(field))
 		    ->group("Fields of the record");
 	}
 	return {command, event};
