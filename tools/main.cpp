@@ -56,11 +56,13 @@ int run(int argc, char **argv)
 	add_stations_command(app, set);
 
 	// The parser would only say that a command is missing.
-	if (argc > 1 && argv[1][0] != '-' &&
-	    app.get_subcommands([&](const CLI::App *command) { return command->get_name() == argv[1]; })
-		.empty())
+	int first = 1;
+	while (first < argc && argv[first][0] == '-')
+		first += std::string_view(argv[first]) == "--timeout" ? 2 : 1;
+	const auto is_first = [&](const CLI::App *command) { return command->get_name() == argv[first]; };
+	if (first < argc && app.get_subcommands(is_first).empty())
 		return end_with(
-		    {status_usage, "there is no command \"" + escaped(argv[1]) + "\" (see --help)"});
+		    {status_usage, "there is no command \"" + escaped(argv[first]) + "\" (see --help)"});
 
 	std::vector<std::string> arguments;
 	for (int i = argc - 1; i > 0; i--) // the parser takes them last first

@@ -376,6 +376,8 @@ void print_prometheus(const statistics &stats)
 
 void stats(const settings &set, bool prometheus)
 {
+	if (prometheus && set.json)
+		throw failure{status_usage, "--prometheus and --json exclude each other"};
 	const sessions found = select_sessions(set, {});
 	const statistics result = gather(found);
 	if (prometheus)

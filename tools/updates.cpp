@@ -13,7 +13,7 @@ void require_fields(const draft &event, std::initializer_list<const char *> fiel
 		if (!event.has(field)) {
 			std::string option = std::string_view(field) == "update" ? "minutes" : field;
 			std::replace(option.begin(), option.end(), '_', '-');
-			throw failure{status_usage, "needs --" + option};
+			throw failure{status_usage, "this update needs --" + option};
 		}
 }
 
@@ -38,7 +38,7 @@ void update_minutes(const settings &set, draft &event, int number, int least)
 void update_idle(const settings &set, draft &event)
 {
 	if (!event.has("ip") && !event.has("ip6"))
-		throw failure{status_usage, "needs --ip or --ip6"};
+		throw failure{status_usage, "this update needs --ip or --ip6"};
 	vek_event by_address = {};
 	by_address.event_flag = event.record.event_flag;
 	by_address.ip = event.record.ip;

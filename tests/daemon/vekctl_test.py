@@ -62,11 +62,14 @@ class Vekctl(OnDevice):
         self.assertIn('vekd_sessions{service="ssh",type="guest",family="ipv4"} 1\n', prometheus)
         self.assertRegex(prometheus, r"\A(# (HELP|TYPE) .*\n|\w+(\{.*\})? -?\d+\n)+\Z")
 
-    def test_watch(self):
-        watch = subprocess.Popen([VEKCTL, "watch", "--json", "--count", "3"], stdout=subprocess.PIPE, text=True)
-        # Its connection is there and it sleeps: it has asked for its copies.
+    def wait_until_it_asked(self, watch):
+        # Its connection is there and it sleeps.
         wait_for(lambda: re.search(r" 03 .*/dev/user-request$", read("/proc/net/unix"), re.M)
                  and ") S " in read(f"/proc/{watch.pid}/stat"))
+
+    def test_watch(self):
+        watch = subprocess.Popen([VEKCTL, "watch", "--json", "--count", "3"], stdout=subprocess.PIPE, text=True)
+        self.wait_until_it_asked(watch)
         self.ok("login --username alice")
         line = json.loads(watch.stdout.readline())
         self.assertEqual({"version", "time", "event_name", *vek.LAYOUTS["vek_event"]}, set(line))
@@ -81,6 +84,12 @@ class Vekctl(OnDevice):
         self.assertEqual(["login", "logout"], [json.loads(line)["event_name"] for line in rest.splitlines()])
         self.assertEqual(0, watch.returncode)
         self.ok("watch --for 0.1 --count 1", status=4)
+        self.kill(signal.SIGSTOP)
+        watch = subprocess.Popen([VEKCTL, "watch", "--timeout", "60"])
+        self.wait_until_it_asked(watch)
+        watch.terminate()  # which does not have to wait for an answer
+        self.assertEqual(0, watch.wait(10))
+        self.kill(signal.SIGCONT)
 
     def test_blocks(self):
         config = self.json("config")["config"]
@@ -106,7 +115,12 @@ class Vekctl(OnDevice):
         self.ok("logout --username c --revocable")
         self.ok("revoke --username c")
         self.assertEqual(["c"], self.names())
+        # Whom nothing names but a station's address, which without a name would mean other sessions.
+        nameless = "report login --service ssh --unique 02:00:00:00:00:01"
+        self.ok(nameless)
         self.ok("logout --all")
+        self.assertEqual({"version": 1, "dry_run": False, "sessions": []}, self.json("logout --all"))
+        self.ok(nameless)
         self.ok("report login --username left --real-username left")
         subprocess.run([f"{BUILD}/client/vek_example"], check=True, timeout=30, capture_output=True)  # ends what it began
         self.assertEqual(["left"], self.names())
@@ -129,9 +143,9 @@ class Vekctl(OnDevice):
     def test_statuses(self):
         for line in ("list --nonsense", "list --columns nonsense", "list --ip 1.2.3", "list --timeout 0", "lst",
                      "logout", "login --username " + "x" * 64, "login --username a --type king",
-                     "login --username a --ip 1.2.3.4 --ip6 ::1", "config set max_idle_minute=x"):
+                     "login --username a --ip 1.2.3.4 --ip6 ::1", "stats --json --prometheus", "config set max_idle_minute=x"):
             self.ok(line, status=2)
-        self.assertIn('no command "lst"', run("lst").stderr)
+        self.assertIn('no command "lst"', run("--timeout 1 lst").stderr)
         with open("/dev/full", "w") as full:
             self.ok("count", status=1, stdout=full)
         self.kill(signal.SIGSTOP)
