@@ -4,12 +4,14 @@
  *
  * A `vek_client` is one connection. Calls on one connection must not overlap; different connections are
  * independent, so a threaded program uses one per thread or a lock of its own. No call keeps a pointer to
- * what it was given. Every call waits at most its connection's time-out and restarts after signals; failures
- * are -1 with errno: ETIMEDOUT (the connection is then of no more use: close it, an answer may still be
- * under way), ECONNRESET (the daemon closed it), EPROTO (an answer that is none), or what the system said.
- * No call raises SIGPIPE.
+ * what it was given, and no pointer may be null but where it says so. Every call waits at most its connection's
+ * time-out and restarts after signals; failures are -1 with errno: ETIMEDOUT, ECONNRESET (the daemon closed it),
+ * EPROTO (an answer that is none), ENOMEM, or what the system said. After any of them the connection is of no
+ * more use, since an answer may still be under way: close it; further calls give ENOTCONN. EINVAL is a wrong
+ * argument or a connection of the other kind, and changes nothing. No call raises SIGPIPE.
  *
- * Records are those of vek.h: zero them, fill in what you know; text is cut to its field.
+ * Records are those of vek.h: zero them, fill in what you know; text is cut to its field. The account that a
+ * session is found by later is `real_username` of its login; `username` is the name it is shown with.
  */
 #ifndef VEK_CLIENT_H
 #define VEK_CLIENT_H
@@ -49,7 +51,8 @@ VEK_CLIENT_API int vek_client_report(struct vek_client *client, const struct vek
 typedef int vek_client_session_fn(const struct user_info *session, void *arg);
 
 /* Queries on a request connection. Each calls `each` (unless null) for every session of the answer and
- * returns their number, or -1. An IPv4 address is in network byte order. */
+ * returns their number, or -1. An IPv4 address is in network byte order. An empty name and the IPv4 address 0
+ * ask for everybody. */
 VEK_CLIENT_API int vek_client_query_name(struct vek_client *client, const char *username,
                                          vek_client_session_fn *each, void *arg);
 VEK_CLIENT_API int vek_client_query_ip(struct vek_client *client, uint32_t ip, vek_client_session_fn *each, void *arg);
@@ -70,8 +73,8 @@ VEK_CLIENT_API int vek_client_fetch_name(struct vek_client *client, const char *
 VEK_CLIENT_API int vek_client_count(struct vek_client *client);
 
 /* Makes a request connection a subscription: 0 when the daemon has taken it, so that whatever is reported from
- * now on is copied; or -1. From then on only vek_client_next, vek_client_pending, vek_client_fd and
- * vek_client_close are for it. */
+ * now on is copied; or -1. From then on only vek_client_next, vek_client_pending, vek_client_fd,
+ * vek_client_set_timeout and vek_client_close are for it. */
 VEK_CLIENT_API int vek_client_subscribe(struct vek_client *client);
 
 /* Copies that are here already. Take them with vek_client_next before waiting on the descriptor. */
@@ -82,8 +85,8 @@ VEK_CLIENT_API int vek_client_pending(const struct vek_client *client);
 VEK_CLIENT_API int vek_client_next(struct vek_client *client, struct vek_event *event);
 
 /* Ends every session that `service` had reported: for a service that starts again after a crash. Asks who is
- * logged in and reports a logout for each of the service's sessions, on connections of its own. The number
- * ended, or -1 (those reported so far are ended). */
+ * logged in and reports a logout for each of the service's sessions, on connections of its own, all within
+ * `timeout_ms`. The number ended, or -1 (those reported so far are ended). */
 VEK_CLIENT_API int vek_client_end_service(const char *service, int timeout_ms);
 
 #ifdef __cplusplus
