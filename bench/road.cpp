@@ -31,6 +31,7 @@ constexpr int TABLE = 1000; // sessions of a table that is called full of users
 constexpr int SIZES[] = {0, 10, 30, 100, 300, TABLE};
 constexpr int SUBSCRIBERS[] = {0, 1, 2, 5, 10, 20, 35, 50};
 constexpr int IDLE_CONNECTIONS[] = {0, 35, 70, 105};
+constexpr int PLACES = 120; // connections that the daemon has room for, beside its other descriptors
 constexpr int CURVE_ROUNDS = 25, FIGURE_ROUNDS = 120;
 constexpr int VISITORS = 64, VISITS = 2 * VISITORS;
 
@@ -358,7 +359,7 @@ void measure_subscribers()
 	}
 	report.figures.push_back({"login with 50 subscribers that read, each, over a bare write to a reader",
 				  "", 1.1, per_subscriber});
-	report.growths.push_back({"login that subscribers follow", "subscriber", growth_of_login, 126});
+	report.growths.push_back({"login that subscribers follow", "subscriber", growth_of_login, PLACES});
 	report.panels.push_back({"A login that subscribers follow",
 				 "subscribers",
 				 "in floor round trips",
@@ -384,7 +385,7 @@ void measure_connections()
 	}
 	for (vek_client *client : silent)
 		vek_client_close(client);
-	report.growths.push_back({"login beside connections that say nothing", "connection", curve, 126});
+	report.growths.push_back({"login beside connections that say nothing", "connection", curve, PLACES});
 }
 
 // ---- time passing ----
