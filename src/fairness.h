@@ -33,7 +33,7 @@ void fairness_end_stalled_loans();
 
 // ---- waiting for a client: the last resort, where there is no deep buffer ----
 
-// How long the daemon may now wait for this client, and that it did.
+// How long the daemon may now wait for this client to read, and that it did.
 std::int64_t fairness_patience_ms(const vek_socket *sock);
 void fairness_waited(std::int64_t ms);
 
@@ -68,8 +68,9 @@ bool fairness_turn_is_over();
 
 // ---- places ----
 
-// The connection whose place a privileged newcomer gets: of the unprivileged user with the most connections, one
-// that does not subscribe before one that does, the longest silent first. Null when there is none.
+// The connection whose place a newcomer gets when all are taken: of the unprivileged user with the most connections,
+// one that does not subscribe before one that does, the longest silent first. Null when there is none, or when the
+// newcomer is unprivileged and its own user has as many.
 vek_socket *fairness_to_displace(const vek_socket *newcomer);
 
 #endif
