@@ -160,16 +160,19 @@ bool fairness_may_subscribe(const vek_socket *sock)
 	return true;
 }
 
-void fairness_note_behind(vek_socket *sock)
+void fairness_note_behind(vek_socket *sock, bool is_behind)
 {
 	if (!fairness_is_privileged(sock))
 		return;
-	const std::int64_t now = monotonic_ms();
-	// Not having been behind for a while counts as progress too.
-	if (sock->unread < sock->unread_before || now - sock->behind_ms > STALLED_MS)
-		sock->progress_ms = now;
-	sock->behind_ms = now;
+	// It has read, however much has come since.
+	if (!is_behind || sock->unread < sock->unread_before)
+		sock->progress_ms = 0;
 	sock->unread_before = sock->unread;
+	if (!is_behind)
+		return;
+	const std::int64_t now = monotonic_ms();
+	if (sock->progress_ms == 0)
+		sock->progress_ms = now;
 	if (now - sock->progress_ms < STALLED_MS)
 		hold_until_ms = now + HOLD_MS;
 }

@@ -43,9 +43,9 @@ void fairness_waited(std::int64_t ms);
 // those of one connection; when there is no room, the connection with the most of them is shut down.
 bool fairness_may_subscribe(const vek_socket *sock);
 
-// Says that a subscriber has more than half a deep buffer to read. Reports of unprivileged clients are held for a
+// Says whether a subscriber has more than half a deep buffer to read. Reports of unprivileged clients are held for a
 // moment while a privileged subscriber that reads is so far behind; a subscriber that reads nothing holds nobody.
-void fairness_note_behind(vek_socket *sock);
+void fairness_note_behind(vek_socket *sock, bool is_behind);
 
 // Must a report of this connection wait: for such a subscriber, or because what other unprivileged clients reported
 // in this pass has run tools for long enough?

@@ -267,9 +267,9 @@ ssize_t vek_write_client(vek_socket *sock, std::span<iovec> parts)
 		sock->unread += taken_by(static_cast<std::size_t>(sent));
 		parts = without_first(parts, static_cast<std::size_t>(sent));
 	}
-	if (sock->deep && sock->subscriptions > 0 && sock->unread > sock->room / 2 &&
-	    stream_ask_unread(sock) > sock->room / 2)
-		fairness_note_behind(sock);
+	const std::uint32_t half = sock->room / 2;
+	if (sock->deep && sock->subscriptions > 0 && sock->unread > half)
+		fairness_note_behind(sock, stream_ask_unread(sock) > half);
 	return total;
 }
 
