@@ -18,7 +18,7 @@ struct limits {
 	int share_of_patience; // a client is waited for no longer than one in so many parts of what the pass has left
 	std::int64_t tools_ms; // that tools may have taken in a pass before what a report asks for is deferred
 };
-constexpr limits PRIVILEGED{32, 256, 1, 250}, UNPRIVILEGED{8, 128, 2, 20};
+constexpr limits PRIVILEGED{32, 512, 1, 250}, UNPRIVILEGED{8, 128, 2, 20};
 
 constexpr std::int64_t PATIENCE_MS = 500;     // of a pass, for all clients
 constexpr std::int64_t READING_MS = 20;       // enough for a client that is reading at this moment
