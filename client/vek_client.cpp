@@ -9,8 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -22,7 +24,6 @@ namespace {
 enum class connection : std::uint8_t { notify, request, subscribed, unusable };
 
 constexpr int most_early_copies = 4 * VEK_MAX_USERS; // before a subscription is confirmed
-constexpr int backlog_pause_ms = 5; // between two attempts while the daemon's queue of connections is full
 
 } // namespace
 
@@ -65,17 +66,23 @@ public:
 		return left <= 0 ? 0 : left > INT_MAX ? INT_MAX : static_cast<int>(left);
 	}
 
-	// Waits for `events` on the descriptor (negative: for `at_most_ms` alone). 0 or -1 with errno.
-	int wait(int fd, short events, int at_most_ms = -1) const
+	// As SO_SNDTIMEO takes it, where 0 would be no limit.
+	struct timeval remaining_time() const
+	{
+		const int left = remaining();
+		return left < 0 ? timeval{} : timeval{left / 1000, left == 0 ? 1 : left % 1000 * 1000};
+	}
+
+	// Waits for `events` on the descriptor. 0 or -1 with errno.
+	int wait(int fd, short events) const
 	{
 		for (;;) {
 			const int left = remaining();
 			if (left == 0)
 				return failed(ETIMEDOUT);
-			const bool shorter = at_most_ms >= 0 && (left < 0 || at_most_ms < left);
 			struct pollfd ready = {fd, events, 0};
-			const int found = poll(&ready, 1, shorter ? at_most_ms : left);
-			if (found > 0 || (found == 0 && shorter))
+			const int found = poll(&ready, 1, left);
+			if (found > 0)
 				return 0;
 			if (found < 0 && errno != EINTR)
 				return -1;
@@ -123,23 +130,34 @@ int receive(int fd, void *into, std::size_t size, const deadline &end)
 	return receive(fd, into, size, have, end);
 }
 
-int connect_to(const char *path, const deadline &end)
+// While the daemon's queue of connections is full, the kernel lets those in who wait in connect, one after the
+// other. Whoever tried again now and then would find the place taken each time.
+bool joined(int fd, const char *path, const deadline &end)
 {
-	const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-	if (fd < 0)
-		return -1;
 	struct sockaddr_un address = {};
 	address.sun_family = AF_UNIX;
 	std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
-	while (connect(fd, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) < 0) {
-		// A full queue shows as EAGAIN, and nothing can be polled for its having room again.
-		if (errno == EINTR || (errno == EAGAIN && end.wait(-1, 0, backlog_pause_ms) == 0))
-			continue;
-		const int error = errno;
-		close(fd);
-		return failed(error);
+	for (;;) {
+		const struct timeval limit = end.remaining_time();
+		if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) < 0)
+			return false;
+		if (connect(fd, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) == 0)
+			return fcntl(fd, F_SETFL, O_NONBLOCK) == 0;
+		if (errno == EAGAIN)
+			errno = ETIMEDOUT;
+		if (errno != EINTR)
+			return false;
 	}
-	return fd;
+}
+
+int connect_to(const char *path, const deadline &end)
+{
+	const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+	if (fd < 0 || joined(fd, path, end))
+		return fd;
+	const int error = errno;
+	close(fd);
+	return failed(error);
 }
 
 struct vek_client *open_at(const char *path, connection kind, int timeout_ms)

@@ -85,3 +85,17 @@ class SlowClients(OnDevice):
         # All of them in one dispatch, during which nobody reads.
         self.assertEqual(1, self.service.report(vek.EVENT_WEB_USER_LOGOUT, "", "crowd"))
         self.assertEqual(burst, [copies.next().unique for _ in burst])
+
+    def test_a_full_queue_is_left_in_the_order_it_was_joined(self):
+        pathlib.Path(vek.ADDRESS_NOTIFY).unlink(missing_ok=True)
+        with socket.create_server(vek.ADDRESS_NOTIFY, family=socket.AF_UNIX, backlog=0) as server:
+            server.settimeout(LIMIT)
+            queue = []
+            for _ in range(12):
+                client = self.process(Client, "notify")
+                queue.append(client.pid)  # all but the first find the queue full
+                wait_for(lambda: ") S " in read(f"/proc/{client.pid}/stat") or not alive(client.pid))
+            for pid in queue:
+                with server.accept()[0] as accepted:
+                    peer = accepted.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 4)
+                    self.assertEqual(pid, int.from_bytes(peer, sys.byteorder))
