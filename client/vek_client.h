@@ -72,9 +72,11 @@ VEK_CLIENT_API int vek_client_fetch_name(struct vek_client *client, const char *
 /* The number of sessions, or -1. */
 VEK_CLIENT_API int vek_client_count(struct vek_client *client);
 
-/* Makes a request connection a subscription: 0 when the daemon has taken it, so that whatever is reported from
- * now on is copied; or -1. From then on only vek_client_next, vek_client_pending, vek_client_fd,
- * vek_client_set_timeout and vek_client_close are for it. */
+/* Makes a request connection a subscription: 0 when the daemon has taken it, or -1. On return it is in force:
+ * whatever is reported from now on is copied. (The daemon does not answer a subscription; the library asks for the
+ * count behind it and waits for that answer.) Subscribe first, then list on another connection, or what happens
+ * in between is missed; a session that begins in between is in both. From then on only vek_client_next,
+ * vek_client_pending, vek_client_fd, vek_client_set_timeout and vek_client_close are for this connection. */
 VEK_CLIENT_API int vek_client_subscribe(struct vek_client *client);
 
 /* Copies that are here already. Take them with vek_client_next before waiting on the descriptor. */
