@@ -31,8 +31,12 @@ struct vek_client {
 	int fd;
 	int timeout_ms;
 	connection kind;
-	std::size_t copied;      // bytes of the copy that has begun to arrive
-	struct vek_event copy;   // of a subscription
+	bool awaiting;       // the status of what was sent
+	std::size_t arrived; // bytes of the record that has begun to arrive
+	union {
+		struct vek_event copy; // of a subscription
+		struct vek_response response;
+	};
 	struct vek_event *early; // copies that came before the subscription was confirmed, `pending` of them
 	int pending;
 };
@@ -130,8 +134,8 @@ int receive(int fd, void *into, std::size_t size, const deadline &end)
 	return receive(fd, into, size, have, end);
 }
 
-// While the daemon's queue of connections is full, the kernel lets those in who wait in connect, one after the
-// other. Whoever tried again now and then would find the place taken each time.
+// While the daemon's queue of connections is full, the kernel lets those in who wait in connect, one after
+// the other. Whoever tried again now and then would find the place taken each time.
 bool joined(int fd, const char *path, const deadline &end)
 {
 	struct sockaddr_un address = {};
@@ -325,6 +329,19 @@ int end_session(const struct user_info *session, void *arg)
 	return 0;
 }
 
+// The status of what was sent. What has arrived of it when the time is up stays for the next call.
+int take_status(struct vek_client *client, const deadline &end)
+{
+	if (!is(client, connection::notify))
+		return -1;
+	if (receive(client->fd, &client->response, sizeof(client->response), client->arrived, end) < 0)
+		return errno == ETIMEDOUT ? -1 : give_up(client);
+	client->awaiting = false;
+	client->arrived = 0;
+	const int code = client->response.code;
+	return code == VEK_RESPONSE_SUCCESS || code == VEK_RESPONSE_FAIL ? code : give_up(client, EPROTO);
+}
+
 bool keep_early(struct vek_client *client, const struct vek_event &record)
 {
 	const std::size_t size = (static_cast<std::size_t>(client->pending) + 1) * sizeof(record);
@@ -361,22 +378,48 @@ int vek_client_fd(const struct vek_client *client) { return client->fd; }
 
 void vek_client_set_timeout(struct vek_client *client, int timeout_ms) { client->timeout_ms = timeout_ms; }
 
+int vek_client_send(struct vek_client *client, const struct vek_event *event)
+{
+	if (!is(client, connection::notify))
+		return -1;
+	if (client->awaiting)
+		return failed(EBUSY);
+	if (event == nullptr || !vek_event_is_reported(event->event))
+		return failed(EINVAL);
+	struct vek_event record = *event;
+	cut_text<vek_event_fields>(&record);
+	// There is room for it: the daemon has read what was sent before, or there would be no status of it.
+	if (send_record(client->fd, &record, sizeof(record), deadline(0)) < 0)
+		return give_up(client);
+	client->awaiting = true;
+	return 0;
+}
+
+int vek_client_answer(struct vek_client *client)
+{
+	if (is(client, connection::notify) && !client->awaiting)
+		return failed(EINVAL);
+	const int status = take_status(client, deadline(0));
+	return status < 0 && errno == ETIMEDOUT ? failed(EAGAIN) : status;
+}
+
+int vek_client_report_raw(struct vek_client *client, const struct vek_event *event)
+{
+	const deadline end(client != nullptr ? client->timeout_ms : 0);
+	if (vek_client_send(client, event) < 0)
+		return -1;
+	const int status = take_status(client, end);
+	return status < 0 ? give_up(client) : status;
+}
+
 int vek_client_report(struct vek_client *client, const struct vek_event *event)
 {
 	if (!is(client, connection::notify))
 		return -1;
-	if (event == nullptr || !vek_event_is_reported(event->event))
-		return failed(EINVAL);
-	const deadline end(client->timeout_ms);
-	struct vek_event record = *event;
-	cut_text<vek_event_fields>(&record);
-	struct vek_response response;
-	if (send_record(client->fd, &record, sizeof(record), end) < 0 ||
-	    receive(client->fd, &response, sizeof(response), end) < 0)
-		return give_up(client);
-	if (response.code != VEK_RESPONSE_SUCCESS && response.code != VEK_RESPONSE_FAIL)
-		return give_up(client, EPROTO);
-	return response.code;
+	const bool is_login = event != nullptr && (event->event == VEK_EVENT_USER_LOGIN ||
+						   event->event == VEK_EVENT_USER_SOCIAL_LOGIN_STAGE1);
+	return is_login && *event->real_username == '\0' ? failed(EINVAL)
+							 : vek_client_report_raw(client, event);
 }
 
 int vek_client_query_name(struct vek_client *client, const char *username, vek_client_session_fn *each,
@@ -476,10 +519,10 @@ int vek_client_next(struct vek_client *client, struct vek_event *event)
 			     static_cast<std::size_t>(client->pending) * sizeof(*event));
 	} else {
 		// A copy that had begun to arrive when the time was up goes on where it stopped.
-		if (receive(client->fd, &client->copy, sizeof(client->copy), client->copied,
+		if (receive(client->fd, &client->copy, sizeof(client->copy), client->arrived,
 			    deadline(client->timeout_ms)) < 0)
 			return errno == ETIMEDOUT ? -1 : give_up(client);
-		client->copied = 0;
+		client->arrived = 0;
 		*event = client->copy;
 	}
 	cut_text<vek_event_fields>(event);

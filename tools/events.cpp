@@ -321,7 +321,7 @@ sessions matching(const settings &set, const vek_event &event)
 
 int report(vek_client *notify, const vek_event &event)
 {
-	return checked(vek_client_report(notify, &event), "cannot report the event");
+	return checked(vek_client_report_raw(notify, &event), "cannot report the event");
 }
 
 void report_one(const settings &set, vek_event &event, int number, const std::string &refusal)

@@ -89,12 +89,11 @@ void shrink(std::vector<std::size_t> &widths, const std::vector<heading> &column
 		cutting gives;
 		std::size_t least;
 	};
+	constexpr step steps[] = {{cutting::key, 8},  {cutting::text, 12},    {cutting::address, 24},
+				  {cutting::text, 8}, {cutting::address, 15}, {cutting::key, 4},
+				  {cutting::text, 4}, {cutting::address, 4},  {cutting::exact, 4}};
 	std::size_t total = std::accumulate(widths.begin(), widths.end(), std::size_t{0});
-	for (const auto &[gives, least] : {step{cutting::text, 8},
-					   {cutting::address, 15},
-					   {cutting::text, 4},
-					   {cutting::address, 4},
-					   {cutting::exact, 4}})
+	for (const auto &[gives, least] : steps)
 		for (; total > room; total--) {
 			std::size_t widest = widths.size();
 			for (std::size_t i = 0; i < widths.size(); i++)
@@ -290,9 +289,11 @@ void table::print(const style &look, const std::string &after) const
 		for (std::size_t i = 0; i < widths.size(); i++)
 			widths[i] = std::max(widths[i], columns_of(cells[i]));
 	const std::size_t terminal = terminal_width(look);
-	const std::size_t gap = terminal != 0 && terminal < 80 ? 1 : 2;
+	const std::size_t between = widths.size() - 1;
+	const std::size_t whole = std::accumulate(widths.begin(), widths.end(), 2 * between);
+	const std::size_t gap = terminal != 0 && terminal < whole ? 1 : 2;
 	if (terminal != 0)
-		shrink(widths, columns_, terminal - std::min(terminal, gap * (widths.size() - 1)));
+		shrink(widths, columns_, terminal - std::min(terminal, gap * between));
 
 	std::string out;
 	for (const auto &cells : lines) {

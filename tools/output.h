@@ -81,9 +81,9 @@ std::size_t terminal_width(const style &look);
 // Cuts a line to so many columns, with an ellipsis for what is missing; 0: no limit.
 std::string cut(const std::string &line, std::size_t width);
 
-// What a column gives up when the terminal is too narrow: text is cut first, an address next, and a number or
-// a duration, of which a part says something else, last.
-enum class cutting : std::uint8_t { text, address, exact };
+// What a column gives up when the terminal is too narrow: a program's key is cut first, then a text, an
+// address, and last a number or a duration, of which a part says something else.
+enum class cutting : std::uint8_t { key, text, address, exact };
 
 struct heading {
 	std::string title;

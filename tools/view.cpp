@@ -62,7 +62,7 @@ constexpr made_column made_columns[] = {
     {"address", cutting::address,
      [](const user_info &session, const times &) { return address_text(session.ip, session.ip6); },
      [](const user_info &session) { return json(address_text(session.ip, session.ip6)); }, compare_addresses},
-    {"client", cutting::text,
+    {"client", cutting::key,
      [](const user_info &session, const times &when) {
 	     return display(client_field(session), &session, when);
      },
@@ -135,7 +135,7 @@ heading column::head() const
 	if (made_ != nullptr)
 		return {title, made_->gives};
 	switch (field_->kind) {
-	case field_kind::text: return {title, cutting::text};
+	case field_kind::text: return {title, name_ == "unique" ? cutting::key : cutting::text};
 	case field_kind::ip4:
 	case field_kind::ip6: return {title, cutting::address};
 	default: return {title, cutting::exact};

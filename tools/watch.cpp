@@ -70,11 +70,13 @@ private:
 	std::string day_ = today(); // which a reader knows
 };
 
-// Whoever asks the command to end need not wait for the daemon, nor for a reader of its output.
+// Whoever asks the command to end need not wait for the daemon, nor for a reader of its output. A shell's
+// background job ignores SIGINT and reads no terminal; a command in a shell that was such a job itself reads
+// one and obeys.
 void end_when_asked()
 {
 	for (const int number : {SIGINT, SIGTERM})
-		if (std::signal(number, [](int) { _exit(status_ok); }) == SIG_IGN)
+		if (std::signal(number, [](int) { _exit(status_ok); }) == SIG_IGN && !isatty(STDIN_FILENO))
 			std::signal(number, SIG_IGN);
 }
 
