@@ -116,9 +116,10 @@ void print(const settings &set, const state &seen)
 	lines.row({"lockouts", known(seen.lockouts.has_value(),
 				     std::to_string(seen.lockouts.value_or(0)) +
 					 (seen.ages_lockouts ? ", enabled" : ", not enabled"))});
+	std::string problems;
 	for (const std::string &problem : seen.problems)
-		lines.row({"problem", problem});
-	lines.print(set);
+		problems += "problem: " + problem + "\n";
+	lines.print(set, problems); // which are not cut
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 """vekctl_test.py: vekctl against the real daemon: every command, the JSON shapes, every exit status, and that the
 documents say what is so."""
-import json, shlex
+import json, shlex, termios, unicodedata
 
 import vek
 from device import *
@@ -213,7 +213,42 @@ class Vekctl(OnDevice):
         for record, size in (("vek_event", 1136), ("user_info", 968)):
             table = re.search(r"## %s, %d bytes.*?\n\n(\|.*?)\n\n" % (record, size), document, re.S).group(1)
             rows = [[c.strip(" `") for c in row.split("|")[1:-1]] for row in table.splitlines()[2:]]
-            ends = [int(offset) + int(length) for offset, length, *_ in rows]
+            sizes = {"i32": 4, "u32": 4, "u64": 8, "u8": 1, "IPv4": 4, "IPv6": 16}
+            ends = [int(at) + (sizes.get(kind) or int(kind.split()[1])) for at, kind, *_ in rows]
             self.assertEqual([0, *ends], [*(int(row[0]) for row in rows), size], record)
-            self.assertEqual(vek.LAYOUTS[record], {row[2]: int(row[0]) for row in rows if row[3] != "padding"})
+            self.assertEqual(vek.LAYOUTS[record], {row[2]: int(row[0]) for row in rows if "pad" not in row[1]})
 
+    def test_the_example_in_python_misses_nothing(self):
+        def example(*arguments, **options):
+            return subprocess.Popen([f"{vek.SOURCE}/client/example/vekd_protocol.py", *arguments], text=True, **options)
+
+        self.assertEqual([0, 0], [example("login", "ssh", name, "1").wait(LIMIT) for name in ("alice", "bob")])
+        following = example("follow", "2", stdout=subprocess.PIPE)
+        self.assertEqual("logged in: ssh alice alice 1\n", following.stdout.readline())  # from here on all is seen
+        self.assertEqual([0, 1], [example("logout", "ssh", "alice", key).wait(LIMIT) for key in "12"])
+        self.assertEqual(0, example("login", "ssh", "eve", "1").wait(LIMIT))
+        self.assertEqual("logged in: ssh bob bob 1\nevent 4: ssh alice 1\nevent 1: ssh eve 1\n",
+                         following.stdout.read())
+        self.assertEqual(0, following.wait(LIMIT))
+        following.stdout.close()
+
+    def test_tables_fit_the_terminal(self):
+        name = "Александра-Константиновна-山田太郎"
+        self.ok(f"login --service 'google authenticator' --username {name} --type ext-group --unique {'k' * 60} "
+                "--ip6 2001:db8:1234:5678:9abc:def0:1234:5678 --default-lease-time 1439")
+        self.ok("login --service ssh --username bob --type user")
+        for width, language, full in itertools.product((60, 80, 200), ("C.UTF-8", "C"), ("", " --full")):
+            ours, its = os.openpty()
+            termios.tcsetwinsize(its, (2, width))
+            environment = {**os.environ, "LC_ALL": language, "PAGER": "sed 's/^/paged: /'"}
+            self.ok("list" + full, stdin=its, stdout=its, env=environment)
+            lines = os.read(ours, 9999).decode().splitlines()
+            for fd in (ours, its):
+                os.close(fd)
+            shown = [line.removeprefix("paged: ") for line in lines]
+            self.assertNotEqual(shown, lines, "longer than the terminal")
+            columns = [sum(2 if unicodedata.east_asian_width(c) == "W" else 1 for c in line) for line in shown]
+            self.assertTrue(full or max(columns) <= width, shown)
+            self.assertRegex("\n".join(shown), r" ext-group .* 23h\d\dm(\n|$)")
+            self.assertEqual(language == "C", "".join(shown).isascii(), shown)
+            self.assertTrue("k" * 60 in "".join(shown) or not full, shown)
