@@ -53,14 +53,11 @@ void show_config(const settings &set)
 
 const config_key &key_named(const std::string &name)
 {
-	std::vector<std::string> names;
-	for (const config_key &key : keys) {
-		names.emplace_back(key.name);
+	for (const config_key &key : keys)
 		if (name == key.name)
 			return key;
-	}
-	throw failure{status_usage, "there is no key \"" + escaped(name) + "\"" + did_you_mean(name, names) +
-					"; see: vekctl config show"};
+	throw failure{status_usage, "there is no key \"" + escaped(name) + "\"" +
+					did_you_mean(name, config_key_names()) + "; see: vekctl config show"};
 }
 
 void get_config(const settings &set, const std::string &name)
@@ -108,6 +105,14 @@ void set_config(const settings &set, const std::vector<std::string> &texts)
 }
 
 } // namespace
+
+std::vector<std::string> config_key_names()
+{
+	std::vector<std::string> names;
+	for (const config_key &key : keys)
+		names.emplace_back(key.name);
+	return names;
+}
 
 void add_config_command(CLI::App &app, settings &set)
 {

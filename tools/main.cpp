@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <map>
 
 #include "vekctl.h"
 
@@ -82,6 +83,21 @@ std::string misplaced(const CLI::App &app)
 	       (own.empty() || own.size() > 16 ? "" : "; it takes " + joined(own, ", "));
 }
 
+// The words that a value may be, one a line: for the completion of shells, which the help does not show.
+void add_words_command(CLI::App &app, settings &set)
+{
+	const auto kind = std::make_shared<std::string>();
+	const std::map<std::string, std::vector<std::string> (*)()> lists = {{"columns", column_names},
+									     {"events", reported_event_names},
+									     {"keys", config_key_names},
+									     {"services", service_names},
+									     {"types", all_type_names}};
+	CLI::App *command = add_command(app, set, "words", "", "vekctl words services",
+					[kind, lists] { put_line(joined(lists.at(*kind)(), "\n")); });
+	command->group("");
+	command->add_option("kind", *kind)->required()->check(CLI::IsMember(lists));
+}
+
 int run(int argc, char **argv)
 {
 	CLI::App app("Shows and reports to vekd who is logged in on this device", "vekctl");
@@ -100,6 +116,7 @@ int run(int argc, char **argv)
 	add_config_command(app, set);
 	add_lockouts_command(app, set);
 	add_stations_command(app, set);
+	add_words_command(app, set);
 
 	// The parser would only say that a command is missing.
 	int first = 1;

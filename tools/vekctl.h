@@ -36,6 +36,7 @@ void add_event_commands(CLI::App &app, settings &set);   // login, logout, web-l
 void add_update_commands(CLI::App &app, settings &set);  // update ...
 void add_watch_command(CLI::App &app, settings &set);
 void add_config_command(CLI::App &app, settings &set);
+std::vector<std::string> config_key_names();
 void add_lockouts_command(CLI::App &app, settings &set);
 void add_stations_command(CLI::App &app, settings &set);
 

@@ -110,6 +110,11 @@ class Vekctl(OnDevice):
         self.assertEqual([("ev?[2Jil\ufffd", "aa:bb:cc:dd:ee:01", "root")],
                          [(s["username"], s["sta_mac"], s["place"]) for s in self.json("stations")["stations"]])
         self.assertEqual(["ev\x1b[2Jil\ufffd"], self.names())
+        self.ok("logout --all")
+        for name in "root", "child is x":
+            self.ok(f"report login --service 'captive portal' --username '{name}' --type guest")
+        self.assertEqual([("root", "", "root"), ("child is x", "", "right child")],
+                         [(s["username"], s["sta_mac"], s["place"]) for s in self.json("stations")["stations"]])
         self.assertNotRegex(self.ok("list") + self.ok("stations"), "[\x1b\udcff]")
         self.assertEqual("9\n", self.ok("config get max_idle_minute"))
         self.ok("lockouts enable --attempts 3 --period 60")
@@ -252,3 +257,15 @@ class Vekctl(OnDevice):
             self.assertRegex("\n".join(shown), r" ext-group .* 23h\d\dm(\n|$)")
             self.assertEqual(language == "C", "".join(shown).isascii(), shown)
             self.assertTrue("k" * 60 in "".join(shown) or not full, shown)
+
+    def test_completion_in_bash(self):
+        script = ('. packaging/completion/vekctl.bash; COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)); _vekctl; '
+                  'printf "%s\\n" "${COMPREPLY[@]}"')
+        for words, completed in (
+                ("vekctl lo", "login logout lockouts"), ("vekctl config s", "show set"), ("vekctl list --us", "--user --username --user-part"),
+                ("vekctl list --service c", r"console captive\ portal"), ("vekctl list --service 'captive p'", r"captive\ portal"),
+                ("vekctl list --columns type,usern", "type,username"), ("vekctl report user-tunnel-", "user-tunnel-up user-tunnel-down"),
+                ("vekctl config set max_i", "max_idle_minute="), ("vekctl login --type = l", "limited"), ("vekctl list --user a", "")):
+            found = subprocess.run(["bash", "-c", script, "-", *shlex.split(words)], cwd=vek.SOURCE, text=True, check=True,
+                                   stdout=subprocess.PIPE, env={**os.environ, "PATH": f"{BUILD}/tools:{os.environ['PATH']}"})
+            self.assertEqual(completed, found.stdout.strip().replace("\n", " "), words)
