@@ -27,14 +27,6 @@ int vekd_main(int argc, char **argv);
 // Advances the clock by a tick, re-reading the uptime on every 181st call, the first included.
 void vek_update_timer();
 
-unsigned long get_uptime();
-
-// Seconds that a revocable logout stays parked, after a look at the defer file.
-std::uint64_t get_logout_defer_time();
-
-// Carries out the parked logouts that are due.
-void vek_run_deferred_logouts();
-
 // One tick: the clock, the second event, and on every eleventh call the ten-second event.
 void vek_tick();
 

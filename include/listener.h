@@ -10,12 +10,13 @@ struct vek_socket;
 
 struct vek_listener {
 	list_head list;
-	int fd; // of the subscribed connection, which outlives its entries
+	int fd;           // of the subscribed connection,
+	vek_socket *sock; // which outlives its entries
 };
 extern list_of<&vek_listener::list> vek_listener_list; // in subscription order
 
 // One copy to every subscriber, in list order. What becomes of a subscriber that does not read is in
-// endpoint.h.
+// fairness.h.
 void listener_dispatch_event(vek_event *event, vek_socket *sock);
 
 int listener_handle_login(vek_event *event, vek_socket *sock);
@@ -29,8 +30,7 @@ int listener_handle_app_listen(vek_event *event, vek_socket *sock);
 // Removes one entry of the closing connection.
 int listener_handle_app_close(vek_event *event, vek_socket *sock);
 
-// Removes every entry left of a descriptor that is about to be closed: whoever gets its number next never
-// asked for copies.
-void listener_forget(int fd);
+// Removes every entry left of a connection that is about to be closed.
+void listener_forget(vek_socket *sock);
 
 #endif

@@ -17,8 +17,10 @@ void *vek_malloc(std::size_t size);
 void vek_free(void *block);
 char *vek_strdup(const char *text); // released with vek_free
 
-// Seconds since boot, whole, from /proc/uptime; from CLOCK_BOOTTIME when that cannot be read.
+// Seconds since boot, whole, from /proc/uptime; from CLOCK_BOOTTIME when that cannot be read. Both names are the
+// interface's.
 unsigned long uptime();
+unsigned long get_uptime();
 
 // For the limits of waits: milliseconds of a clock that nobody sets, and a span of them as calls take it.
 std::int64_t monotonic_ms();
@@ -34,9 +36,9 @@ void put_shm(const void *address);
 void *vek_attach_shm(key_t key, std::size_t size);
 
 // Creates the segment of that key, or after the message `exists` takes an existing one over, attached and
-// with `size` bytes zeroed. When that fails, or the existing one cannot be attached or is shorter (it then
-// stays as it is), prints "<failure>: <the system's text>" and returns null. *id is what to remove at
-// shut-down, else -1.
+// with `size` bytes zeroed. An existing one that is too short or cannot be attached is removed and made anew,
+// unless it is root's: anybody may have planted it. When all that fails, prints "<failure>: <the system's
+// text>" and returns null. *id is what to remove at shut-down, else -1.
 void *vek_create_shm(key_t key, std::size_t size, const char *exists, const char *failure, int *id);
 
 // The same for a set of one semaphore, whose value is left to the caller. The id or -1.
@@ -50,8 +52,9 @@ int get_sem(key_t key);
 void put_sem(key_t key);
 
 // One operation on semaphore 0 of set `id`, with SEM_UNDO, resumed when a signal interrupts it and given up
-// with errno EAGAIN after about one second as a whole, or at once when it may not wait. 0 or -1.
-int vek_semop(int id, int change, bool may_wait = true);
+// with errno EAGAIN after about so many milliseconds as a whole. 0 or -1.
+constexpr int VEK_SEMOP_LIMIT_MS = 1000;
+int vek_semop(int id, int change, int limit_ms = VEK_SEMOP_LIMIT_MS);
 
 // A file in a directory where anybody may plant one: opened only when it is a regular file and not a link (to
 // be written: nor a second name of some other file), without ever blocking. The descriptor or -1 with errno.

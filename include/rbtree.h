@@ -1,5 +1,5 @@
 // rbtree.h: the portal station tree: the stations of web-authenticated sessions in a red-black tree, oldest
-// authentication first, and the portal clean-up that makes room on a full cloud-managed device.
+// authentication first; and the portal clean-up (portal.cpp) that makes room on a full cloud-managed device.
 //
 // The user database keeps the tree in step with its sessions: a station enters with its session's login and
 // leaves with its session, however that ends. Callers hold userdb_lock around changes.
@@ -9,8 +9,6 @@
 #include <cstdint>
 
 #include "vek.h"
-
-struct user_list;
 
 struct login_user_info_s {
 	char mac_addr[32];
@@ -36,7 +34,7 @@ struct rb_node_s {
 	rb_node_s *rb_right;
 	std::int32_t usr_from;
 	login_user_info_s *user_info;
-	user_list *session; // whose station this is; null when nobody said
+	rb_node_s **holder; // the session's pointer to this, cleared when the node goes; null without a session
 };
 using rb_node_t = rb_node_s;
 using RBTree = rb_node_s *;
@@ -62,7 +60,7 @@ rb_node_t *rb_insert_station(struct rb_root *root, const vek_event *event);
 void rb_insert(struct rb_root *root, const vek_event *event);
 void rb_get_sta_from_vek_event(login_user_info_s *rb_sta, const vek_event *event);
 
-// Takes one station out of its tree, and from its session if it has one, and releases it.
+// Takes one station out of its tree, and from its holder if it has one, and releases it.
 void rb_delete_station(struct rb_root *root, rb_node_t *node);
 // The same for the first station of that MAC and SSID profile; nothing when there is none.
 void delete_rbtree(struct rb_root *root, const char *mac, const char *ssid_profile_name);
@@ -89,14 +87,16 @@ int rb_get_vap_number(const login_user_info_s *rb_sta);
 void find_earlist_portal_user(struct rb_root *root, const char redis_mac[][STATION_LIST_MAC]);
 
 // The portal clean-up: asks the device's station database and logs out at most one station. Dispatches;
-// userdb_lock must not be held. Waits for the database's tool within a limit.
+// userdb_lock must not be held. Waits for the database's tool within a limit. The second name says whether it was
+// done at all: false when the database could not be asked.
 void kickout_not_in_redis_portal_user();
+bool portal_clean_up();
 
 // Writes the tree to VEK_RBTREE_DUMP. The caller holds userdb_lock.
 void DEBUG_print_tree(const struct rb_root *root);
-// Handler of user signal 1: asks the main loop for a dump, which print_rb_tree_if_asked writes.
+// Handler of user signal 1: asks the main loop for a dump. rb_tree_dump_asked says so once.
 void print_rb_tree(int dummy);
-void print_rb_tree_if_asked();
+bool rb_tree_dump_asked();
 void rbtree_debug(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 #endif

@@ -6,6 +6,9 @@
 
 struct vek_socket;
 
+// How many records the answer to a query event would hold.
+int responder_count(const vek_event *event);
+
 int responder_handle_query_by_name(vek_event *event, vek_socket *sock);
 int responder_handle_query_by_ip(vek_event *event, vek_socket *sock);
 int responder_handle_query_by_ip_first(vek_event *event, vek_socket *sock);

@@ -27,6 +27,12 @@ int vek_sock_event_add_fd(int fd, int rw, void *data);
 // -1 when the descriptor is not registered.
 int vek_sock_event_del_fd(int fd);
 
+// The next pass waits no longer than this many milliseconds: there is something else to do.
+void vek_sock_event_limit_wait(int ms);
+
+// Was nothing ready in the last pass?
+bool vek_sock_event_was_idle();
+
 // One pass. 0, also when a signal interrupted the wait (then no callback runs); otherwise what `error` said.
 int vek_sock_event_loop(sock_event *callbacks);
 

@@ -5,9 +5,7 @@
 
 #include <sys/types.h>
 
-#include <cstdio>
-#include <optional>
-#include <span>
+#include <cstddef>
 
 #include "vek.h"
 
@@ -28,14 +26,16 @@ constexpr int RET_ERROR_RESOURCE_NOT_FOUND = -2;
 // Reaps every child that has ended. A signal handler.
 void terminator_child_handler(int);
 
-// The handler of every event that ends a session. Always VEK_CONTINUE_DISPATCH. When tools have taken long
-// in this pass, a shell or an ftp process is left for the end of the pass, or for a later one.
+// The handler of every event that ends a session. Always VEK_CONTINUE_DISPATCH. What it has to end is ended before
+// it returns, or deferred when tools have taken long.
 int terminator_clear_session(vek_event *event, vek_socket *sock);
 
-// To be called by the main loop in each pass: ends ftp processes and shells for which there was no time when
-// their sessions ended, as many of each as a turn of the tools allows. False when there was nothing that
-// could be done.
-bool terminator_end_put_off();
+// To be called by the main loop in each pass: ends what was deferred, for as long as one turn lasts. True when
+// there was something to do, and the next pass should not wait.
+bool terminator_run_deferred();
+
+// The same at the end of the daemon, for at most so many milliseconds.
+void terminator_finish(int limit_ms);
 
 // Has a process ended through the privileged launcher. The launcher's exit status; -1 when it was not run (as
 // for a number that is no process id, and for a while after it had to be killed) or was ended by its limit or
@@ -51,10 +51,11 @@ int get_pts_num();
 
 // Whether that terminal is this user's: RET_SUCCESS or RET_GENERAL_ERROR; RET_ERROR_RESOURCE_NOT_FOUND
 // without one. The name is quoted and taken literally: users choose it, and the command is run by root.
+// The interface is fixed; nothing in the daemon calls this.
 int check_sshcon_available(char *pszUserName);
 
 // Takes and gives back semaphore 0 of an existing set. 0, or -1 after a message; taking gives up after about
-// one second, and for a while after that at once. Only a lock that was taken may be given back.
+// one second, and for a while after that sooner. Only a lock that was taken may be given back.
 int bsemaphore_p(key_t key);
 int bsemaphore_v(key_t key);
 
@@ -63,30 +64,5 @@ int bsemaphore_v(key_t key);
 // usable table, and no such client to find.
 int ftplogout_shm_getpid(key_t key, const char *username, const char *ipaddr);
 int ftplogout_shm_remove(key_t key, const char *username, const char *ipaddr);
-
-// ---- parsing, apart from where the files come from ----
-
-// A terminal by its device numbers, the minor one as text. An empty text is no terminal.
-struct terminal_number {
-	int major;
-	char minor[TTY_TEXT];
-	bool prefix; // any minor number that begins with the text will do
-};
-
-struct listed_shell {
-	int pid; // above zero
-	int minor;
-};
-
-struct shell_search {
-	terminal_number terminal;
-	std::optional<listed_shell> shell;
-};
-
-// The first login shell on each of these terminals in a process listing, which is read once.
-void find_shells(std::FILE *list, std::span<shell_search> searches);
-
-// get_tty_by_proc on an open file.
-void read_consoles(std::FILE *consoles, char *tty1, char *tty2);
 
 #endif

@@ -7,6 +7,7 @@
 #ifndef USERDB_H
 #define USERDB_H
 
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <span>
@@ -28,6 +29,7 @@ struct user_list {
 	list_head same_name_list, same_ip_list, same_ip6_list;
 	list_head reauth_list, lease_list, idle_list, session_timeout_list;
 	user_info *uinfo;
+	std::uint64_t terminal_since; // uptime second at which it was last said where it sits: login or event 38
 	rb_node_t *station; // of a web-authenticated session: its station in the portal tree, or null
 };
 
@@ -71,6 +73,17 @@ void userdb_end_session(user_list *ulist);
 // Ends a session whatever its keys are, and sends a logout event on its way for it, completed with who it
 // was.
 void userdb_log_out(user_list *ulist, vek_event *event);
+
+// Is this session one of those that a logout event would end?
+bool userdb_logout_would_end(const vek_event *event, const user_list *ulist);
+
+// Whose station a node of the portal tree is; null when nobody said.
+inline user_list *userdb_session_of(const rb_node_t *station)
+{
+	auto *const holder = reinterpret_cast<char *>(station->holder);
+	return holder == nullptr ? nullptr
+				 : reinterpret_cast<user_list *>(holder - offsetof(user_list, station));
+}
 
 // Moves an indexed session to another IPv4 address. 0; or -1 without memory, nothing then being changed.
 int userdb_move_ip(user_list *ulist, std::uint32_t ip);

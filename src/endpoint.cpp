@@ -1,182 +1,56 @@
-// endpoint.cpp: connections on the notify and the request socket, from accept to close: one record per
-// readiness, read, checked and turned into an event; revocable logouts parked; every write to a client.
-// What an event does is left to the handlers on the bus.
+// endpoint.cpp: connections on the notify and the request socket, from accept to close, and the way of a record
+// from its socket to the event bus. What an event does is left to the handlers there.
 #include "endpoint.h"
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <ctime>
-#include <optional>
+#include <cstring>
 
-#include "child.h"
-#include "daemon.h"
-#include "listener.h"
+#include "deferred_logout.h"
+#include "fairness.h"
 #include "misc.h"
+#include "responder.h"
 #include "userdb.h"
 #include "vek_event.h"
 #include "vek_fields.h"
 
 list_of<&vek_socket::list> vek_socket_list;
-list_of<&vek_deferred_logout::list> vek_deferred_logout_list;
 int vek_notify_fd = -1, vek_request_fd = -1;
 sock_event vek_skevent = {vek_sock_event_write, vek_sock_event_read, vek_sock_event_error};
 
 namespace {
 
-// ---- waiting for slow clients ----
-
-// Everybody waits while we wait for one client, so waiting is rationed: a pass of the main loop waits at most
-// PATIENCE_MS for services of user 0, and as long for all others. A wait in vain is paid for, and so is every
-// one for an unprivileged client: until the patience has grown back, a pass waits no longer than what is left
-// of it, or MIN_PASS_MS. A long answer is begun only with that much left; a request that comes later in a
-// pass is put off, and has its turn before the next one.
-constexpr std::int64_t PATIENCE_MS = 500;
-constexpr std::int64_t MIN_PASS_MS = 100;
-constexpr std::int64_t REGROWTH = 4; // milliseconds until one of patience is back
-constexpr int FITS_AT_ONCE = 100;    // records of an answer that any client's empty buffer takes
-
-class ration {
-public:
-	void begin_pass()
-	{
-		if (patience_ms_ < PATIENCE_MS)
-			regrow(monotonic_ms());
-		left_ms_ = std::max(patience_ms_, MIN_PASS_MS);
-	}
-	bool allows_a_long_answer() const { return left_ms_ >= MIN_PASS_MS; }
-
-	// Waits until a client takes bytes again for which we have been waiting on and off since then, but no
-	// longer in all than the pass has left. Whether it does.
-	bool wait_for(int fd, std::int64_t since) const
-	{
-		const std::int64_t deadline = since + left_ms_;
-		for (std::int64_t now; (now = monotonic_ms()) < deadline;) {
-			pollfd ready{fd, POLLOUT, 0};
-			const int result = poll(&ready, 1, static_cast<int>(deadline - now));
-			if (result > 0)
-				return true;
-			if (result < 0 && errno != EINTR)
-				return false;
-		}
-		return false;
-	}
-
-	// That wait is over; what it took is missing in this pass, or in the next ones too.
-	void spend(std::int64_t since, bool in_next_passes)
-	{
-		const std::int64_t waited = monotonic_ms() - since;
-		left_ms_ = std::max<std::int64_t>(0, left_ms_ - waited);
-		if (!in_next_passes)
-			return;
-		regrow(since);
-		patience_ms_ = std::max<std::int64_t>(0, patience_ms_ - waited);
-		patience_at_ms_ += waited;
-	}
-
-private:
-	// By whole milliseconds of patience, so that no part of the time is lost however often this is
-	// called.
-	void regrow(std::int64_t now)
-	{
-		const std::int64_t regrown = (now - patience_at_ms_) / REGROWTH;
-		patience_ms_ = std::min(PATIENCE_MS, patience_ms_ + regrown);
-		patience_at_ms_ += regrown * REGROWTH;
-	}
-
-	std::int64_t patience_ms_ = PATIENCE_MS;
-	std::int64_t patience_at_ms_ = 0; // when that was so
-	std::int64_t left_ms_ = PATIENCE_MS;
-};
-ration of_services, of_others;
-
-bool is_service(const vek_socket *sock) { return sock != nullptr && sock->uid == 0; }
-ration &ration_of(const vek_socket *sock) { return is_service(sock) ? of_services : of_others; }
-
-// ---- descriptors that programs pass ----
-
-// A program may send descriptors along with its bytes. They are closed unseen when the bytes are read, or
-// with the connection; and when the sender has not kept the last of them, one may be a socket that lingers
-// for as long as he likes, or until a signal comes. So one comes each millisecond while this lives. A service
-// of user 0 has no need of such means.
-class no_lingering {
-public:
-	explicit no_lingering(const vek_socket *sock) : on_(!is_service(sock) && timer().made)
-	{
-		if (on_)
-			timer_settime(timer().id, 0, &often, nullptr);
-	}
-	~no_lingering()
-	{
-		if (on_)
-			timer_settime(timer().id, 0, &never, nullptr);
-	}
-	no_lingering(const no_lingering &) = delete;
-	no_lingering &operator=(const no_lingering &) = delete;
-
-private:
-	static constexpr itimerspec often{{0, 1'000'000}, {0, 1'000'000}}, never{};
-
-	struct signal_timer {
-		timer_t id{};
-		bool made;
-		signal_timer()
-		{
-			struct sigaction action {};
-			action.sa_handler = [](int) {};
-			sigevent by_signal{};
-			by_signal.sigev_notify = SIGEV_SIGNAL;
-			by_signal.sigev_signo = SIGURG;
-			made = sigaction(SIGURG, &action, nullptr) == 0 &&
-			       timer_create(CLOCK_MONOTONIC, &by_signal, &id) == 0;
-		}
-	};
-	// Made when it is first needed: a process that detaches leaves its timers behind.
-	static const signal_timer &timer()
-	{
-		static const signal_timer timer;
-		return timer;
-	}
-
-	const bool on_;
-};
-
 // ---- connections ----
 
 constexpr int BACKLOG = 5;
-std::uint64_t activity_stamp;
-bool some_put_off; // a record, at some time
 bool accept_paused;
 int spare_fd = -1; // given up for a moment to turn a connection away when descriptors have run out
+bool some_wait;    // a connection is not read from, or was not at some time
 
-vek_socket *socket_of(int fd)
+ucred peer_of(int fd)
 {
-	for (vek_socket *sock : vek_socket_list)
-		if (sock->fd == fd)
-			return sock;
-	return nullptr;
+	ucred peer{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
+	socklen_t length = sizeof(peer);
+	getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length);
+	return peer;
 }
 
-// No more of this client: it sees the end of the stream behind what it was already sent, and a later pass
-// reads ours and cleans up.
-void cut(int fd, const char *why)
+// Reads from a connection, or leaves what it sends where it is for a while.
+bool watch(vek_socket *sock, vek_waits waits)
 {
-	shutdown(fd, SHUT_RDWR);
-	vek_socket *sock = socket_of(fd);
-	if (sock == nullptr || sock->cut)
-		return;
-	sock->cut = true;
-	if (debug)
-		std::fprintf(stderr, "endpoint: shut down %s connection %d of process %d, user %d: %s\n",
-			     sock->type == VEK_SOCKTYPE_NOTIFY ? "notify" : "request", fd,
-			     static_cast<int>(sock->pid), static_cast<int>(sock->uid), why);
+	vek_sock_event_del_fd(sock->fd);
+	sock->waits = waits;
+	some_wait |= waits != vek_waits::for_nothing;
+	if (waits == vek_waits::for_nothing)
+		return vek_sock_event_add_fd(sock->fd, FD_READ, sock) == 0;
+	return waits != vek_waits::for_its_reader || vek_sock_event_add_fd(sock->fd, FD_WRITE, sock) == 0;
 }
 
 // The usual end of a request connection: its subscription goes first.
@@ -189,145 +63,38 @@ void end_client(vek_socket *sock)
 	vek_close_client(sock->fd, sock);
 }
 
-ucred peer_of(int fd)
-{
-	ucred peer{0, static_cast<uid_t>(-1), static_cast<gid_t>(-1)};
-	socklen_t length = sizeof(peer);
-	getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length);
-	return peer;
-}
-
-bool keep(vek_socket *sock) { return vek_sock_event_add_fd(sock->fd, FD_READ, sock) == 0; }
-
-// All places are taken: a service of user 0 gets that of the unprivileged connection that has been silent
-// longest. The new connection moves into the freed descriptor's number.
-bool displace_for(vek_socket *sock)
-{
-	if (!is_service(sock))
-		return false;
-	vek_socket *silent = nullptr;
-	for (vek_socket *other : vek_socket_list)
-		if (!is_service(other) && (silent == nullptr || other->activity < silent->activity))
-			silent = other;
-	if (silent == nullptr)
-		return false;
-	cut(silent->fd, "silent, and its place was needed");
-	end_client(silent);
-	const int fd = fcntl(sock->fd, F_DUPFD_CLOEXEC, 0);
-	if (fd < 0)
-		return false;
-	close(sock->fd);
-	sock->fd = fd;
-	return keep(sock);
-}
-
-void pause_accept()
-{
-	accept_paused = true;
-	vek_sock_event_del_fd(vek_notify_fd);
-	vek_sock_event_del_fd(vek_request_fd);
-}
-
-// Without descriptors a waiting connection would make every pass ready at once. It is turned away with the
-// spare one; when even that fails, nobody is accepted until the next tick.
-void turn_away(int listening_fd)
-{
-	if (spare_fd >= 0)
-		close(spare_fd);
-	const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-	const bool helpless = fd < 0 && errno != EAGAIN;
-	if (fd >= 0) {
-		const no_lingering now(nullptr);
-		close(fd);
-	}
-	spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-	if (helpless)
-		pause_accept();
-}
-
-// False when nobody else waits to be accepted.
-bool accept_client(int listening_fd, std::uint8_t type)
-{
-	const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-	if (fd < 0) {
-		if (errno != EINTR && errno != EAGAIN && errno != ECONNABORTED)
-			turn_away(listening_fd);
-		return false;
-	}
-	if (spare_fd < 0)
-		spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-	auto *sock = static_cast<vek_socket *>(vek_malloc(sizeof(vek_socket)));
-	if (sock == nullptr) {
-		vek_close_client(fd, nullptr);
-		return true;
-	}
-	const ucred peer = peer_of(fd);
-	sock->type = type;
-	sock->fd = fd;
-	sock->pid = peer.pid;
-	sock->uid = peer.uid;
-	sock->activity = ++activity_stamp;
-	if (!keep(sock) && !displace_for(sock)) {
-		const no_lingering now(sock);
-		close(sock->fd);
-		vek_free(sock);
-		return true;
-	}
-	vek_socket_list.push_back(sock);
-	return true;
-}
-
-// A whole queue at a time: a pass may be long, and a crowd must not keep services out for many of them.
-void accept_queue(int listening_fd, std::uint8_t type)
-{
-	for (int i = 0; i < BACKLOG && accept_client(listening_fd, type); i++)
-		;
-}
-
-// One whole record, as it lies there; the one read a readiness gets.
-bool read_record(vek_socket *sock, void *record, std::size_t size)
-{
-	sock->activity = ++activity_stamp;
-	const no_lingering now(sock);
-	return !sock->cut && recv(sock->fd, record, size, MSG_DONTWAIT) == static_cast<ssize_t>(size);
-}
-
 // ---- notify records ----
-
-// As many as there can be sessions to log out.
-constexpr int MAX_DEFERRED_LOGOUTS = VEK_MAX_USERS;
-int deferred_logouts;
-
-bool park_logout(const vek_event &event)
-{
-	if (deferred_logouts >= MAX_DEFERRED_LOGOUTS)
-		return false;
-	auto *parked = static_cast<vek_deferred_logout *>(vek_malloc(sizeof(vek_deferred_logout)));
-	if (parked == nullptr)
-		return false;
-	parked->event_time = get_uptime();
-	parked->event = event;
-	vek_deferred_logout_list.push_back(parked);
-	deferred_logouts++;
-	return true;
-}
-
-void revoke_logouts(const vek_event &event)
-{
-	list_head *const head = vek_deferred_logout_list.head();
-	for (list_head *link = head->next; link != head;) {
-		auto *parked = list_entry<&vek_deferred_logout::list>(link);
-		link = link->next;
-		if (VEK_EVENT_LOGOUT_MATCHED(&parked->event, &event))
-			vek_free_deferred_logout(parked);
-	}
-}
 
 int dispatch_notice(vek_event *event, vek_socket *sock)
 {
 	event->count = 0;
 	return vek_dispatch_event(event, sock) == VEK_STOP_DISPATCH ? VEK_RESPONSE_FAIL
 								    : VEK_RESPONSE_SUCCESS;
+}
+
+// Handles one report. False when there was none that is whole.
+bool handle_report(vek_socket *sock)
+{
+	vek_event event;
+	if (!stream_read_record(sock, &event, sizeof(event)))
+		return false;
+	cut_text<vek_event_fields>(&event);
+	if (!vek_event_is_reported(event.event))
+		return true;
+
+	int code = VEK_RESPONSE_FAIL;
+	if (event.event == VEK_EVENT_USER_LOGOUT_REVOKE) {
+		vek_revoke_logouts(event);
+	} else if (event.event != VEK_EVENT_USER_LOGOUT_REVOCABLE) {
+		code = dispatch_notice(&event, sock);
+	} else if (!vek_park_logout(event)) {
+		event.event = VEK_EVENT_USER_LOGOUT;
+		code = dispatch_notice(&event, sock);
+	}
+	// Who does not take answers is not spoken to again, but what lies in the connection still counts.
+	if (!sock->shut_down && vek_send_response(code, sock->fd) < 0)
+		stream_shut_down(sock, errno == EAGAIN ? "did not read its answers" : "is gone");
+	return true;
 }
 
 // ---- request records ----
@@ -342,59 +109,9 @@ constexpr int event_of_method[] = {
     VEK_EVENT_APP_QUERY_TOTAL_USER_NUM,
 };
 
-// Does a request wait to be read whose answer its sender may have to read while it is written?
-bool may_be_long(const vek_socket *sock)
+bool is_known(const vek_request &request)
 {
-	std::int32_t method;
-	if (sock->cut || userdb_query_total_user_num() <= FITS_AT_ONCE ||
-	    recv(sock->fd, &method, sizeof(method), MSG_PEEK | MSG_DONTWAIT) !=
-		static_cast<ssize_t>(sizeof(method)))
-		return false;
-	return method == VEK_QUERY_NAME || method == VEK_QUERY_FROM || method == VEK_QUERY_ALL;
-}
-
-// ---- records that are put off ----
-
-// What a report starts may take long as well: the tools that it has run, or the thousand sessions that it
-// moves or ends. Those of programs without rights have this much of a pass, from the first of them on.
-constexpr std::int64_t OTHERS_TURN_MS = 20;
-std::int64_t others_turn_since_ms; // 0 until there is one
-
-bool others_turn_is_over()
-{
-	const std::int64_t now = monotonic_ms();
-	if (others_turn_since_ms == 0)
-		others_turn_since_ms = now;
-	return now - others_turn_since_ms >= OTHERS_TURN_MS || vek_child_turn_is_over();
-}
-
-bool must_wait(const vek_socket *sock)
-{
-	if (sock->type == VEK_SOCKTYPE_NOTIFY)
-		return !is_service(sock) && others_turn_is_over();
-	return sock->type == VEK_SOCKTYPE_REQUEST && !ration_of(sock).allows_a_long_answer() &&
-	       may_be_long(sock);
-}
-
-// The one whose turn it is: waiting longest.
-vek_socket *next_put_off(const ration &ration)
-{
-	vek_socket *next = nullptr;
-	for (vek_socket *sock : vek_socket_list)
-		if (sock->put_off != 0 && &ration_of(sock) == &ration &&
-		    (next == nullptr || sock->put_off < next->put_off))
-			next = sock;
-	return next;
-}
-
-void handle_record(vek_socket *sock)
-{
-	sock->put_off = 0;
-	switch (sock->type) {
-	case VEK_SOCKTYPE_NOTIFY: return vek_handle_notify(sock->fd, sock);
-	case VEK_SOCKTYPE_REQUEST: return vek_handle_request(sock->fd, sock);
-	default: return vek_close_client(sock->fd, sock);
-	}
+	return request.method >= VEK_QUERY_NAME && request.method <= VEK_QUERY_TOTAL_USER_NUM;
 }
 
 vek_event event_from(const vek_request &request)
@@ -418,16 +135,199 @@ vek_event event_from(const vek_request &request)
 	return event;
 }
 
-// A copy for a subscriber is one part, for which the plain call is the cheaper.
-ssize_t send_parts(int fd, std::span<iovec> parts)
+// ---- who has to wait ----
+
+// The answer to the request that waits to be read. What counts is what it matches, not what it asks for.
+std::size_t answer_size(const vek_socket *sock)
 {
-	constexpr int flags = MSG_DONTWAIT | MSG_NOSIGNAL;
-	if (parts.size() == 1)
-		return send(fd, parts.front().iov_base, parts.front().iov_len, flags);
-	msghdr message{};
-	message.msg_iov = parts.data();
-	message.msg_iovlen = parts.size();
-	return sendmsg(fd, &message, flags);
+	vek_request request;
+	if (!stream_peek_record(sock, &request, sizeof(request)) || !is_known(request))
+		return 0;
+	const vek_event event = event_from(request);
+	return sizeof(vek_event) + sizeof(user_info) * static_cast<std::size_t>(responder_count(&event));
+}
+
+// Why a request must stay where it is: the answer has no room.
+vek_waits request_waits(vek_socket *sock)
+{
+	const std::size_t longest = sizeof(vek_event) + sizeof(user_info) * static_cast<std::size_t>(vek_users);
+	if (sock->shut_down || stream_has_room(sock, longest))
+		return vek_waits::for_nothing;
+	const std::size_t size = answer_size(sock);
+	if (stream_has_room(sock, size))
+		return vek_waits::for_nothing;
+	if (!stream_is_writable(sock))
+		return vek_waits::for_its_reader;
+	// A loan that is not deep enough is all that the system gives.
+	return sock->deep || fairness_lend_buffer(sock) ? vek_waits::for_nothing : vek_waits::for_a_buffer;
+}
+
+vek_waits why_to_wait(vek_socket *sock)
+{
+	if (sock->type == VEK_SOCKTYPE_REQUEST)
+		return request_waits(sock);
+	return fairness_holds_report(sock) ? vek_waits::for_its_turn : vek_waits::for_nothing;
+}
+
+void handle_record(vek_socket *sock)
+{
+	sock->before_tick = false;
+	switch (sock->type) {
+	case VEK_SOCKTYPE_NOTIFY: return vek_handle_notify(sock->fd, sock);
+	case VEK_SOCKTYPE_REQUEST: return vek_handle_request(sock->fd, sock);
+	default: return vek_close_client(sock->fd, sock);
+	}
+}
+
+// A record may lie in this connection: handles it unless it has to wait.
+void serve(vek_socket *sock)
+{
+	const vek_waits waits = why_to_wait(sock);
+	if (waits != sock->waits) {
+		if (sock->waits == vek_waits::for_nothing)
+			sock->waits_since = fairness_stamp();
+		watch(sock, waits);
+	}
+	if (waits == vek_waits::for_nothing)
+		handle_record(sock);
+}
+
+// Of those that wait for something of this kind, the one that has waited longest.
+vek_socket *longest_waiting(vek_waits waits)
+{
+	vek_socket *longest = nullptr;
+	for (vek_socket *sock : vek_socket_list)
+		if (sock->waits == waits && (longest == nullptr || sock->waits_since < longest->waits_since))
+			longest = sock;
+	return longest;
+}
+
+// Marks each connection in which a report lies now.
+void mark_reports()
+{
+	pollfd ready[VEK_MAX_FILES];
+	vek_socket *socks[VEK_MAX_FILES];
+	nfds_t count = 0;
+	for (vek_socket *sock : vek_socket_list)
+		if (sock->type == VEK_SOCKTYPE_NOTIFY) {
+			socks[count] = sock;
+			ready[count++] = {sock->fd, POLLIN, 0};
+		}
+	if (count > 0 && poll(ready, count, 0) > 0)
+		for (nfds_t i = 0; i < count; i++)
+			socks[i]->before_tick = ready[i].revents != 0;
+}
+
+// Serves those whose waiting is over, the longest waiting first.
+void serve_waiting()
+{
+	some_wait = false;
+	for (vek_socket *sock : vek_socket_list) {
+		if (sock->shut_down && sock->waits != vek_waits::for_nothing)
+			watch(sock, vek_waits::for_nothing);
+		some_wait |= sock->waits != vek_waits::for_nothing;
+	}
+	for (const vek_waits what : {vek_waits::for_a_buffer, vek_waits::for_its_turn})
+		while (vek_socket *sock = longest_waiting(what)) {
+			if (why_to_wait(sock) == what)
+				break;
+			serve(sock);
+		}
+	if (longest_waiting(vek_waits::for_its_turn) != nullptr)
+		vek_sock_event_limit_wait(static_cast<int>(fairness_hold_left_ms()));
+}
+
+// ---- accepting ----
+
+// Takes the place of another connection. What lies whole in that one is handled first.
+bool displace_for(vek_socket *sock)
+{
+	vek_socket *silent = fairness_to_displace(sock);
+	if (silent == nullptr)
+		return false;
+	stream_shut_down(silent, "its place was needed");
+	int unread;
+	if (silent->type == VEK_SOCKTYPE_NOTIFY)
+		while (ioctl(silent->fd, FIONREAD, &unread) == 0 &&
+		       unread >= static_cast<int>(sizeof(vek_event)) && handle_report(silent))
+			;
+	end_client(silent);
+	// The new connection moves into the freed descriptor's number.
+	const int fd = fcntl(sock->fd, F_DUPFD_CLOEXEC, 0);
+	if (fd < 0)
+		return false;
+	close(sock->fd);
+	sock->fd = fd;
+	return watch(sock, vek_waits::for_nothing);
+}
+
+void pause_accept()
+{
+	accept_paused = true;
+	vek_sock_event_del_fd(vek_notify_fd);
+	vek_sock_event_del_fd(vek_request_fd);
+}
+
+void resume_accept()
+{
+	if (!accept_paused)
+		return;
+	accept_paused = false;
+	vek_sock_event_add_fd(vek_notify_fd, FD_READ, nullptr);
+	vek_sock_event_add_fd(vek_request_fd, FD_READ, nullptr);
+}
+
+// Without descriptors a waiting connection would make every pass ready at once. It is turned away with the
+// spare one; when even that fails, nobody is accepted until the next tick.
+void turn_away(int listening_fd)
+{
+	if (spare_fd >= 0)
+		close(spare_fd);
+	const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+	const bool helpless = fd < 0 && errno != EAGAIN;
+	if (fd >= 0)
+		stream_close(fd, false);
+	spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+	if (helpless)
+		pause_accept();
+}
+
+// False when nobody else waits to be accepted.
+bool accept_client(int listening_fd, std::uint8_t type)
+{
+	const int fd = accept4(listening_fd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+	if (fd < 0) {
+		if (errno != EINTR && errno != EAGAIN && errno != ECONNABORTED)
+			turn_away(listening_fd);
+		return false;
+	}
+	if (spare_fd < 0)
+		spare_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+	auto *sock = static_cast<vek_socket *>(vek_malloc(sizeof(vek_socket)));
+	if (sock == nullptr) {
+		stream_close(fd, false);
+		return true;
+	}
+	const ucred peer = peer_of(fd);
+	sock->type = type;
+	sock->fd = fd;
+	sock->pid = peer.pid;
+	sock->uid = peer.uid;
+	sock->activity = fairness_stamp();
+	if (!watch(sock, vek_waits::for_nothing) && !displace_for(sock)) {
+		stream_close(sock->fd, fairness_is_privileged(sock));
+		vek_free(sock);
+		return true;
+	}
+	vek_socket_list.push_back(sock);
+	return true;
+}
+
+// Until nobody waits: a crowd must not keep services out. The limit is for a crowd that comes as fast.
+void accept_queue(int listening_fd, std::uint8_t type)
+{
+	for (int i = 0; i < VEK_MAX_FILES && accept_client(listening_fd, type); i++)
+		;
 }
 
 } // namespace
@@ -441,6 +341,7 @@ int vek_bind_unix_address(const char *path)
 	sockaddr_un address{};
 	address.sun_family = AF_UNIX;
 	copy_text(address.sun_path, path);
+	stream_refuse_descriptors(fd);
 	if (setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) < 0 ||
 	    bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)) < 0 ||
 	    listen(fd, BACKLOG) < 0) {
@@ -456,16 +357,18 @@ void vek_sock_event_read(int fd, void *data)
 		return vek_accept_notify(fd, data);
 	if (fd == vek_request_fd)
 		return vek_accept_request(fd, data);
-
-	auto *sock = static_cast<vek_socket *>(data);
-	if (!must_wait(sock))
-		return handle_record(sock);
-	some_put_off = true;
-	if (sock->put_off == 0)
-		sock->put_off = ++activity_stamp;
+	serve(static_cast<vek_socket *>(data));
 }
 
-void vek_sock_event_write(int fd, void *data) { vek_close_client(fd, static_cast<vek_socket *>(data)); }
+void vek_sock_event_write(int fd, void *data)
+{
+	auto *sock = static_cast<vek_socket *>(data);
+	if (sock == nullptr || sock->waits != vek_waits::for_its_reader)
+		return vek_close_client(fd, sock);
+	if (sock->subscriptions == 0)
+		fairness_return_buffer(sock);
+	watch(sock, vek_waits::for_nothing);
+}
 
 int vek_sock_event_error(int) { return -1; }
 
@@ -473,144 +376,76 @@ void vek_accept_notify(int fd, void *) { accept_queue(fd, VEK_SOCKTYPE_NOTIFY); 
 
 void vek_accept_request(int fd, void *) { accept_queue(fd, VEK_SOCKTYPE_REQUEST); }
 
-void vek_resume_accept()
-{
-	if (!accept_paused)
-		return;
-	accept_paused = false;
-	vek_sock_event_add_fd(vek_notify_fd, FD_READ, nullptr);
-	vek_sock_event_add_fd(vek_request_fd, FD_READ, nullptr);
-}
-
 void vek_handle_notify(int fd, vek_socket *sock)
 {
-	vek_event event;
-	if (!read_record(sock, &event, sizeof(event)))
-		return vek_close_client(fd, sock);
-	cut_text<vek_event_fields>(&event);
-
-	if (!vek_event_is_reported(event.event))
-		return;
-
-	int code = VEK_RESPONSE_FAIL;
-	if (event.event == VEK_EVENT_USER_LOGOUT_REVOKE) {
-		revoke_logouts(event);
-	} else if (event.event != VEK_EVENT_USER_LOGOUT_REVOCABLE) {
-		code = dispatch_notice(&event, sock);
-	} else if (!park_logout(event)) {
-		event.event = VEK_EVENT_USER_LOGOUT;
-		code = dispatch_notice(&event, sock);
-	}
-	if (vek_send_response(code, fd) < 0)
+	if (!handle_report(sock))
 		vek_close_client(fd, sock);
 }
 
 void vek_handle_request(int, vek_socket *sock)
 {
 	vek_request request;
-	if (!read_record(sock, &request, sizeof(request)))
+	if (sock->shut_down || !stream_read_record(sock, &request, sizeof(request)))
 		return end_client(sock);
-	if (request.method < VEK_QUERY_NAME || request.method > VEK_QUERY_TOTAL_USER_NUM)
+	if (!is_known(request))
 		return;
 	vek_event event = event_from(request);
 	vek_dispatch_event(&event, sock);
+	// The loan for an answer lasts until that is read, but nothing is added to it.
+	if (sock->deep && sock->subscriptions == 0) {
+		stream_set_depth(sock, false);
+		watch(sock, vek_waits::for_its_reader);
+	}
 }
 
 void vek_close_client(int fd, vek_socket *sock)
 {
-	const no_lingering now(sock);
+	const bool trusted = fairness_is_privileged(sock);
 	if (sock != nullptr) {
+		if (sock->on_close != nullptr)
+			sock->on_close(sock);
 		list_del(&sock->list);
 		vek_free(sock);
 	}
 	if (fd >= 0) {
-		listener_forget(fd);
 		vek_sock_event_del_fd(fd);
-		close(fd);
+		stream_close(fd, trusted);
 	}
-}
-
-ssize_t vek_send_response(int result, int fd)
-{
-	const vek_response response{result};
-	const ssize_t sent = send(fd, &response, sizeof(response), MSG_DONTWAIT | MSG_NOSIGNAL);
-	if (sent == static_cast<ssize_t>(sizeof(response)))
-		return sent;
-	if (errno == EAGAIN)
-		cut(fd, "did not read its answers");
-	return -1;
-}
-
-ssize_t vek_write_client(int fd, std::span<iovec> parts)
-{
-	ssize_t total = 0;
-	std::optional<std::int64_t> since; // when it first took no more
-	while (!parts.empty()) {
-		ssize_t sent = send_parts(fd, parts);
-		if (sent < 0) {
-			const int reason = errno;
-			if (reason == EINTR)
-				continue;
-			if (!since)
-				since = monotonic_ms();
-			// Without memory for it (ENOBUFS) there is room at once, and the next try is as slow
-			// as it likes; so it is the clock that ends this.
-			ration &patience = ration_of(socket_of(fd));
-			if ((reason == EAGAIN || reason == ENOBUFS) && patience.wait_for(fd, *since))
-				continue;
-			patience.spend(*since, true);
-			if (reason != EPIPE && reason != ECONNRESET)
-				cut(fd, "did not read what it asked for");
-			errno = reason;
-			return -1;
-		}
-		total += sent;
-		while (!parts.empty() && static_cast<std::size_t>(sent) >= parts.front().iov_len) {
-			sent -= static_cast<ssize_t>(parts.front().iov_len);
-			parts = parts.subspan(1);
-		}
-		if (sent > 0) {
-			iovec &part = parts.front();
-			part.iov_base = static_cast<char *>(part.iov_base) + sent;
-			part.iov_len -= static_cast<std::size_t>(sent);
-		}
-	}
-	if (since) {
-		const vek_socket *sock = socket_of(fd);
-		ration_of(sock).spend(*since, !is_service(sock));
-	}
-	return total;
-}
-
-void vek_deepen_buffer(vek_socket *sock)
-{
-	// Kernel memory, so only for those we trust: room for a burst of about 500 copies.
-	if (!is_service(sock))
-		return;
-	const int room = 640 * 1024; // the kernel doubles it for its own needs
-	if (setsockopt(sock->fd, SOL_SOCKET, SO_SNDBUFFORCE, &room, sizeof(room)) < 0)
-		setsockopt(sock->fd, SOL_SOCKET, SO_SNDBUF, &room, sizeof(room));
-}
-
-void vek_free_deferred_logout(vek_deferred_logout *parked)
-{
-	list_del(&parked->list);
-	vek_free(parked);
-	deferred_logouts--;
 }
 
 void vek_begin_pass()
 {
-	vek_begin_child_turn();
-	others_turn_since_ms = 0;
-	for (ration *ration : {&of_services, &of_others})
-		ration->begin_pass();
-	if (!some_put_off)
-		return;
-	some_put_off = false;
-	for (const ration *ration : {&of_services, &of_others})
-		if (vek_socket *sock = next_put_off(*ration)) {
-			some_put_off = true;
-			handle_record(sock);
+	fairness_begin_pass();
+	if (some_wait)
+		serve_waiting();
+}
+
+bool vek_catch_up()
+{
+	static bool catching_up;
+	if (!catching_up)
+		mark_reports();
+	catching_up = false;
+	for (list_head *const head = vek_socket_list.head(), *link = head->next; link != head;) {
+		auto *sock = list_entry<&vek_socket::list>(link);
+		link = link->next; // handling a record may free its connection
+		if (!sock->before_tick)
+			continue;
+		// What runs tools takes its turns, between which others are served.
+		if (fairness_holds_tools(sock)) {
+			catching_up = true;
+			continue;
 		}
+		watch(sock, vek_waits::for_nothing);
+		handle_record(sock);
+	}
+	return !catching_up;
+}
+
+void vek_tick_endpoints()
+{
+	resume_accept();
+	fairness_end_stalled_loans();
+	stream_close_leftovers();
+	some_wait = true;
 }

@@ -2,10 +2,12 @@
 // event, as the user database completed it, in subscription order.
 #include "listener.h"
 
-#include "endpoint.h"
+#include "fairness.h"
 #include "init.h"
 #include "misc.h"
+#include "stream.h"
 #include "vek_event.h"
+#include "vek_socket.h"
 
 list_of<&vek_listener::list> vek_listener_list;
 
@@ -13,7 +15,7 @@ void listener_dispatch_event(vek_event *event, vek_socket *)
 {
 	for (vek_listener *listener : vek_listener_list) {
 		iovec copy{event, sizeof(*event)};
-		vek_write_client(listener->fd, {&copy, 1});
+		vek_write_client(listener->sock, {&copy, 1});
 	}
 }
 
@@ -25,16 +27,16 @@ int pass_on(vek_event *event, vek_socket *sock)
 	return VEK_CONTINUE_DISPATCH;
 }
 
-// Of one connection. Each costs the daemon a copy of every event, and a thousand sessions may end at once:
-// more than anybody means is an attack on the others.
-int max_subscriptions(const vek_socket *sock) { return sock->uid == 0 ? 2 : 1; }
-
-int subscriptions_of(int fd)
+bool remove_first(vek_socket *sock)
 {
-	int count = 0;
-	for (const vek_listener *listener : vek_listener_list)
-		count += listener->fd == fd;
-	return count;
+	for (vek_listener *listener : vek_listener_list)
+		if (listener->sock == sock) {
+			list_del(&listener->list);
+			vek_free(listener);
+			sock->subscriptions--;
+			return true;
+		}
+	return false;
 }
 
 } // namespace
@@ -63,37 +65,28 @@ int listener_handle_tunnel(vek_event *event, vek_socket *sock)
 
 int listener_handle_app_listen(vek_event *, vek_socket *sock)
 {
-	if (subscriptions_of(sock->fd) >= max_subscriptions(sock))
+	if (!fairness_may_subscribe(sock))
 		return VEK_STOP_DISPATCH;
 	auto *listener = static_cast<vek_listener *>(vek_malloc(sizeof(vek_listener)));
 	if (listener == nullptr)
 		return VEK_STOP_DISPATCH;
 	listener->fd = sock->fd;
+	listener->sock = sock;
 	vek_listener_list.push_back(listener);
-	vek_deepen_buffer(sock);
+	sock->subscriptions++;
+	sock->on_close = listener_forget;
 	return VEK_CONTINUE_DISPATCH;
-}
-
-bool listener_remove_first(int fd)
-{
-	for (vek_listener *listener : vek_listener_list)
-		if (listener->fd == fd) {
-			list_del(&listener->list);
-			vek_free(listener);
-			return true;
-		}
-	return false;
 }
 
 int listener_handle_app_close(vek_event *, vek_socket *sock)
 {
-	listener_remove_first(sock->fd);
+	remove_first(sock);
 	return VEK_CONTINUE_DISPATCH;
 }
 
-void listener_forget(int fd)
+void listener_forget(vek_socket *sock)
 {
-	while (listener_remove_first(fd))
+	while (remove_first(sock))
 		;
 }
 

@@ -10,8 +10,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <mutex>
 
 #include "daemon.h"
+#include "deferred_logout.h"
 #include "endpoint.h"
 #include "init.h"
 #include "misc.h"
@@ -19,7 +21,9 @@
 #include "rbtree.h"
 #include "sock_event.h"
 #include "terminator.h"
+#include "userdb.h"
 #include "vek_event.h"
+#include "veklog.h"
 
 int debug;
 std::uint64_t seconds_since_boot;
@@ -29,19 +33,22 @@ constexpr int SECONDS_GET_CURRENT = 180;
 constexpr int DEFAULT_VEK_NICE_VALUE = 19;
 constexpr int TICKS_PER_10SECONDS_EVENT = 11;
 constexpr int INHERITABLE = 1024;             // descriptors, the usual limit of a process
-constexpr std::int64_t LAST_SHELLS_MS = 2000; // of shells that were put off, before it ends
+constexpr int LAST_JOBS_MS = 2000;            // for what was deferred, before the daemon ends
 constexpr char START_LOCK[] = "/var/run/vekd.lock";
 
 static int ticks_since_reread = SECONDS_GET_CURRENT;
 static int ticks_since_10seconds;
-static std::uint64_t logout_defer_time = VEK_DEFAULT_LOGOUT_DEFER_TIME;
-static bool pid_file_is_ours;
+static int pid_file = -1; // kept open: when it is to be removed, there may be no descriptor left
 static int start_lock = -1;
 
-using module_function = int (*)();
-constexpr module_function initcalls[] = {userdb_init, listener_init,   responder_init,
-					 logger_init, terminator_init, lockout_init};
-constexpr module_function exitcalls[] = {userdb_exit, lockout_exit};
+struct module {
+	const char *name;
+	int (*start)();
+};
+constexpr module initcalls[] = {{"user database", userdb_init},      {"event listener", listener_init},
+				{"query responder", responder_init}, {"session log", logger_init},
+				{"terminator", terminator_init},     {"lockout", lockout_init}};
+constexpr int (*exitcalls[])() = {userdb_exit, lockout_exit};
 
 static void dispatch_own(int number)
 {
@@ -70,22 +77,27 @@ static bool vek_pid_file_exists() { return access(VEK_PID_FILE, F_OK) == 0; }
 
 static int vek_write_pid()
 {
-	const int fd = open(VEK_PID_FILE, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
-	if (fd < 0)
+	pid_file = open(VEK_PID_FILE, O_RDWR | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+	if (pid_file < 0)
 		return -1;
-	pid_file_is_ours = true;
+	fchmod(pid_file, 0644); // whatever the umask: configuration programs read it
 	// An empty one would let a second daemon start beside this one.
-	const bool written = dprintf(fd, "%d", static_cast<int>(getpid())) > 0;
-	return close(fd) == 0 && written ? 0 : -1;
+	return dprintf(pid_file, "%d", static_cast<int>(getpid())) > 0 ? 0 : -1;
 }
 
 static void vek_remove_pid()
 {
-	char text[16];
-	// Somebody may have removed it, and another daemon may have written its own.
-	if (pid_file_is_ours && vek_read_planted(VEK_PID_FILE, text, sizeof(text)) >= 0 &&
-	    (text[0] == '\0' || std::strtol(text, nullptr, 10) == getpid()))
+	if (pid_file < 0)
+		return;
+	char text[16]{};
+	struct stat ours, found;
+	// Somebody may have removed it or written to it, and another daemon may have written its own.
+	if (pread(pid_file, text, sizeof(text) - 1, 0) >= 0 &&
+	    (text[0] == '\0' || std::strtol(text, nullptr, 10) == getpid()) && fstat(pid_file, &ours) == 0 &&
+	    lstat(VEK_PID_FILE, &found) == 0 && ours.st_ino == found.st_ino && ours.st_dev == found.st_dev)
 		unlink(VEK_PID_FILE);
+	close(pid_file);
+	pid_file = -1;
 }
 
 // ---- the sockets ----
@@ -236,37 +248,43 @@ static void run()
 		vek_begin_pass();
 		if (vek_sock_event_loop(&vek_skevent) < 0)
 			break;
-		vek_run_deferred_logouts();
-		if (vek_do_timer) {
+		// What lies in a socket by now comes first: it may revoke the logout, or renew a lease.
+		const bool logout_is_due = vek_logout_is_due(), caught_up =
+		    !(logout_is_due || vek_do_timer) || vek_catch_up();
+		if (logout_is_due && caught_up)
+			vek_run_deferred_logouts();
+		if (vek_do_timer && caught_up) {
 			vek_do_timer = 0; // first, so that a signal during the tick is the next one
 			vek_tick();
-			vek_resume_accept();
+			vek_tick_endpoints();
 		}
 		if (vek_config_change) {
 			vek_config_change = 0;
 			dispatch_own(VEK_EVENT_CONFIG_CHANGE);
 		}
-		print_rb_tree_if_asked();
-		terminator_end_put_off();
+		if (rb_tree_dump_asked()) {
+			const std::lock_guard lock(userdb_lock);
+			DEBUG_print_tree(rb_root);
+		}
+		if (terminator_run_deferred())
+			vek_sock_event_limit_wait(0);
 	}
-	const std::int64_t limit = monotonic_ms() + LAST_SHELLS_MS;
-	while (monotonic_ms() < limit && terminator_end_put_off())
-		;
+	terminator_finish(LAST_JOBS_MS);
 }
 
 void do_initcalls()
 {
-	for (module_function init : initcalls)
-		init();
+	// Standard error is gone by now, unless debugging.
+	for (const auto &[name, start] : initcalls)
+		if (start() < 0)
+			VEK_ALERT(0, 0, "", "The %s of vekd did not start: see vekctl status", name);
 }
 
 void do_exitcalls()
 {
-	for (module_function exit : exitcalls)
-		exit();
+	for (const auto stop : exitcalls)
+		stop();
 }
-
-unsigned long get_uptime() { return uptime(); }
 
 void vek_update_timer()
 {
@@ -285,39 +303,6 @@ void vek_tick()
 	if (++ticks_since_10seconds >= TICKS_PER_10SECONDS_EVENT) {
 		dispatch_own(VEK_EVENT_TIMER_10SECONDS);
 		ticks_since_10seconds = 0;
-	}
-}
-
-std::uint64_t get_logout_defer_time()
-{
-	if (access(VEK_LOGOUT_DEFER_TIME, F_OK) < 0)
-		return logout_defer_time;
-	logout_defer_time = VEK_DEFAULT_LOGOUT_DEFER_TIME;
-	char text[64];
-	if (vek_read_planted(VEK_LOGOUT_DEFER_TIME, text, sizeof(text)) < 0)
-		return logout_defer_time;
-	unlink(VEK_LOGOUT_DEFER_TIME);
-	const char *number = text + std::strspn(text, " \t\r\n\v\f");
-	number += *number == '+';
-	if (*number >= '0' && *number <= '9')
-		logout_defer_time = std::strtoul(number, nullptr, 10);
-	return logout_defer_time;
-}
-
-void vek_run_deferred_logouts()
-{
-	if (vek_deferred_logout_list.empty())
-		return;
-	const std::uint64_t now = get_uptime();
-	const std::uint64_t defer_time = get_logout_defer_time();
-	// Oldest first, so the first that must wait ends the search.
-	while (vek_deferred_logout *parked = vek_deferred_logout_list.front()) {
-		if (now - parked->event_time <= defer_time)
-			break;
-		vek_event event = parked->event;
-		vek_free_deferred_logout(parked);
-		event.event = VEK_EVENT_USER_LOGOUT;
-		vek_dispatch_event(&event, nullptr);
 	}
 }
 

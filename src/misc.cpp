@@ -17,7 +17,6 @@
 
 namespace {
 constexpr int PERMISSIONS = 0666;
-constexpr std::int64_t SEMOP_LIMIT_MS = 1000;
 
 // As much of a file as fits, terminated. Its length or -1.
 ssize_t read_text(int fd, char *buffer, std::size_t size)
@@ -90,6 +89,18 @@ void *attach(int id, std::size_t size)
 	return nullptr;
 }
 
+// Is there a segment of that key that is of no use, and not root's?
+bool is_planted(key_t key, std::size_t size)
+{
+	shmid_ds status;
+	if (shmctl(shmget(key, 0, 0), IPC_STAT, &status) < 0 || status.shm_perm.cuid == 0)
+		return false;
+	void *address = vek_attach_shm(key, size);
+	if (address != nullptr)
+		put_shm(address);
+	return address == nullptr;
+}
+
 void report_failed_creation(const char *failure)
 {
 	std::fprintf(stderr, "%s: %s\n", failure, strerror(errno));
@@ -126,6 +137,8 @@ unsigned long uptime()
 	return static_cast<unsigned long>(now.tv_sec);
 }
 
+unsigned long get_uptime() { return uptime(); }
+
 std::int64_t monotonic_ms()
 {
 	timespec now;
@@ -161,6 +174,8 @@ void put_shm(const void *address) { shmdt(address); }
 void *vek_create_shm(key_t key, std::size_t size, const char *exists, const char *failure, int *id)
 {
 	*id = -1;
+	if (is_planted(key, size))
+		shmctl(shmget(key, 0, 0), IPC_RMID, nullptr);
 	bool created;
 	const int found = create_or_take_over(exists, failure, &created,
 					      [=](int flags) { return shmget(key, size, flags); });
@@ -185,10 +200,10 @@ int vek_create_sem(key_t key, const char *exists, const char *failure)
 				   [=](int flags) { return semget(key, 1, flags); });
 }
 
-int vek_semop(int id, int change, bool may_wait)
+int vek_semop(int id, int change, int limit_ms)
 {
 	sembuf operation{0, static_cast<short>(change), SEM_UNDO};
-	const std::int64_t deadline = monotonic_ms() + (may_wait ? SEMOP_LIMIT_MS : 0);
+	const std::int64_t deadline = monotonic_ms() + limit_ms;
 	for (;;) {
 		const timespec wait = timespec_of(std::max<std::int64_t>(0, deadline - monotonic_ms()));
 		if (semtimedop(id, &operation, 1, &wait) == 0)

@@ -1,13 +1,13 @@
-// rbtree.cpp: the portal station tree, its dump for debugging, and the portal clean-up.
+// rbtree.cpp: the portal station tree and its dump for debugging.
 //
 // A red-black tree with parent pointers, keyed by the time of authentication. Rotations and fix-ups are
 // written once for both mirror images: a `side` is a pointer to one of the two child members. Who enters and
-// leaves the tree, and when, is the user database's business; running the station database's tool is
-// child.cpp's.
+// leaves the tree, and when, is the user database's business.
 #include "rbtree.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,23 +17,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <mutex>
 #include <utility>
 
-#include "child.h"
-#include "daemon.h"
 #include "misc.h"
-#include "rrm.h"
-#include "userdb.h"
-#include "vek_event.h"
+#include "text.h"
+#include "veklog.h"
 
 struct rb_root *rb_root;
-
-// Of the clean-up's walk; the choice stays until the next one.
-static int count;                      // cursor into the station list
-static int flag;                       // a station has been chosen
-static login_user_info_s del_usr_info; // its record
-static std::int32_t del_usr_from;
 
 namespace {
 
@@ -42,7 +32,6 @@ namespace {
 struct station {
 	rb_node_t node; // first: a node of the tree is the station it begins
 	login_user_info_s info;
-	std::uint64_t serial; // never the same twice, though the memory may be
 };
 
 station *station_of(rb_node_t *node) { return reinterpret_cast<station *>(node); }
@@ -53,7 +42,6 @@ int spares;
 
 station *take_station()
 {
-	static std::uint64_t serial;
 	station *sta;
 	if (spare) {
 		sta = station_of(spare);
@@ -67,7 +55,6 @@ station *take_station()
 	*sta = {};
 	sta->node.color = BLACK;
 	sta->node.user_info = &sta->info;
-	sta->serial = ++serial;
 	return sta;
 }
 
@@ -80,15 +67,6 @@ void release_station(rb_node_t *node)
 	node->parent = spare;
 	spare = node;
 	spares++;
-}
-
-// The station of that serial while it is in the tree, whatever became of its memory.
-rb_node_t *find_by_serial(const struct rb_root *root, std::uint64_t serial)
-{
-	for (rb_node_t *node = rb_first(root); node; node = rb_next(node))
-		if (station_of(node)->serial == serial)
-			return node;
-	return nullptr;
 }
 
 // ---- the shape of the tree ----
@@ -306,8 +284,8 @@ void rb_insert(struct rb_root *root, const vek_event *event) { rb_insert_station
 
 void rb_delete_station(struct rb_root *root, rb_node_t *node)
 {
-	if (node->session)
-		node->session->station = nullptr; // which may be another's record soon
+	if (node->holder)
+		*node->holder = nullptr; // the memory may be another's record soon
 	rb_erase(node, root);
 	release_station(node);
 }
@@ -360,131 +338,6 @@ int rb_get_vap_number(const login_user_info_s *rb_sta)
 	return digit >= '1' && digit <= '8' ? digit - '0' : -1;
 }
 
-// ---- the portal clean-up ----
-
-namespace {
-
-const char *service_of_method(const char *method)
-{
-	static constexpr struct {
-		const char *method, *service;
-	} services[] = {
-	    {AUTH_METHOD_CAPTIVE_PORTAL_SOCIAL_LOGIN_FB, SERVICE_NAME_SOCIAL_LOGIN_FB},
-	    {AUTH_METHOD_CAPTIVE_PORTAL_FB_WIFI_LOGIN, SERVICE_NAME_FB_WIFI_LOGIN},
-	    {AUTH_METHOD_CAPTIVE_PORTAL_GOOGLE_AUTHENTICATOR_1X, SERVICE_NAME_GOOGLE_AUTHENTICATOR},
-	    {AUTH_METHOD_CAPTIVE_PORTAL_EMAIL_VERIFICATION_DPPSK, SERVICE_NAME_EMAIL_VERIFICATION},
-	};
-	for (const auto &known : services)
-		if (std::strcmp(known.method, method) == 0)
-			return known.service;
-	return SERVICE_NAME_CAPTIVE_PORTAL;
-}
-
-// The list counts from its start, one entry per station of the tree that lines up, and is empty past its end.
-bool lines_up(const login_user_info_s *sta, const char list[][STATION_LIST_MAC])
-{
-	const char *entry = count < STATION_LIST_ENTRIES ? list[count] : "";
-	return list[0][0] != '\0' && std::strncmp(sta->mac_addr, entry, STATION_LIST_MAC) == 0;
-}
-
-vek_event logout_of_chosen()
-{
-	vek_event event = vek_new_event(VEK_EVENT_USER_LOGOUT);
-	copy_text(event.service, service_of_method(del_usr_info.portal_method));
-	copy_text(event.username, del_usr_info.username);
-	copy_text(event.real_username, del_usr_info.username);
-	copy_text(event.sta_mac, del_usr_info.mac_addr);
-	copy_text(event.ssid_name, del_usr_info.ssid_name);
-	copy_text(event.ssid_profile_name, del_usr_info.ssid_profile_name);
-	event.notify_cc = DO_NOT_NOTIFY_CC;
-	event.type = USER_TYPE;
-	event.event_flag = VEK_EVENT_FLAG_USER_LOGOUT_MATCH_MAC_SSIDPROFILE;
-	event.usr_from = del_usr_from;
-	return event;
-}
-
-} // namespace
-
-void find_earlist_portal_user(struct rb_root *root, const char redis_mac[][STATION_LIST_MAC])
-{
-	if (!root)
-		return;
-	count = 0;
-	flag = 0;
-	del_usr_info = {};
-	std::uint64_t serial = 0;
-	for (rb_node_t *node = rb_first(root); node && !flag; node = rb_next(node)) {
-		if (lines_up(node->user_info, redis_mac)) {
-			count++;
-			continue;
-		}
-		flag = 1;
-		del_usr_info = *node->user_info;
-		del_usr_from = node->usr_from;
-		serial = station_of(node)->serial;
-	}
-	if (!flag)
-		return;
-
-	vek_event event = logout_of_chosen();
-	const bool nobody_heard = vek_dispatch_event(&event, nullptr) == VEK_STOP_DISPATCH;
-
-	// The logout may have ended nobody: a session whose MAC or profile is empty, or whose service and
-	// method disagree. It ends here, or the clean-up would choose the same station for ever.
-	rb_node_t *left = find_by_serial(root, serial);
-	if (!left)
-		return;
-	if (left->session) {
-		if (nobody_heard)
-			userdb_log_out(left->session, &event);
-		else
-			userdb_end_session(left->session);
-		return;
-	}
-	const std::lock_guard lock(userdb_lock);
-	rb_delete_station(root, left);
-}
-
-void kickout_not_in_redis_portal_user()
-{
-	static constinit vek_backoff tool_stalled;
-	if (tool_stalled.active())
-		return;
-	char device_mac[32]{}, table[64];
-	rrm_get_common_mac(device_mac, sizeof device_mac);
-	device_mac[sizeof device_mac - 1] = '\0';
-	// It becomes part of a command line.
-	if (device_mac[std::strspn(device_mac, "0123456789abcdefABCDEF:.-")] != '\0')
-		return;
-	std::snprintf(table, sizeof table, "%s-%s", STA_STATISTIC_TABLE_PREFIX, device_mac);
-
-	char mac_command[512], time_command[512];
-	std::snprintf(mac_command, sizeof mac_command,
-		      "/usr/local/bin/dbctl -t %s -b AUTH_TIME -o | awk '{print $2}'", table);
-	std::snprintf(time_command, sizeof time_command,
-		      "/usr/local/bin/dbctl -t %s -b AUTH_TIME -f AUTH_TIME -o | awk '{print $2}'", table);
-	vek_pipe macs, times;
-	if (!macs.start(mac_command) || !times.start(time_command))
-		return;
-
-	char list[STATION_LIST_ENTRIES][STATION_LIST_MAC]{};
-	char mac[32]{}, auth_time[32]{};
-	int entries = 0;
-	while (entries < STATION_LIST_ENTRIES && macs.read_line(mac, sizeof mac)) {
-		times.read_line(auth_time, sizeof auth_time); // at its end the last line stands
-		if (check_is_mac(mac) == 0 && std::strcmp(auth_time, "\n") != 0)
-			copy_text(list[entries++], mac);
-	}
-	const bool whole = !macs.timed_out() && !times.timed_out();
-	macs.close();
-	times.close();
-	if (macs.timed_out() || times.timed_out())
-		tool_stalled.start();
-	// Half an answer would name a station that is still there.
-	if (whole)
-		find_earlist_portal_user(rb_root, list);
-}
-
 // ---- the dump ----
 
 namespace {
@@ -526,6 +379,7 @@ void rbtree_debug(const char *format, ...)
 	const int fd = vek_open_planted(VEK_RBTREE_DUMP, O_WRONLY | O_APPEND | O_CREAT, 0644);
 	if (fd < 0)
 		return;
+	fchmod(fd, 0644); // whatever the umask: other programs read it
 	// Whoever else holds the lock could keep it: not waited for.
 	if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
 		std::fprintf(stderr, "Error flock log file %s\n", VEK_RBTREE_DUMP);
@@ -554,11 +408,4 @@ void DEBUG_print_tree(const struct rb_root *root)
 // In signal context: the lock may be held by the very code that was interrupted.
 void print_rb_tree(int) { dump_asked = 1; }
 
-void print_rb_tree_if_asked()
-{
-	if (!dump_asked)
-		return;
-	dump_asked = 0;
-	const std::lock_guard lock(userdb_lock);
-	DEBUG_print_tree(rb_root);
-}
+bool rb_tree_dump_asked() { return std::exchange(dump_asked, 0) != 0; }

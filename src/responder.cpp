@@ -4,9 +4,9 @@
 
 #include <algorithm>
 
-#include "endpoint.h"
 #include "init.h"
 #include "misc.h"
+#include "stream.h"
 #include "userdb.h"
 #include "vek_event.h"
 
@@ -49,12 +49,12 @@ int answer(vek_socket *sock, vek_event header, int count)
 		parts[nparts++] = {uinfo, sizeof(*uinfo)};
 		if (nparts > BATCH) {
 			// A client that is gone must not keep us from marking the rest.
-			vek_write_client(sock->fd, {parts, static_cast<std::size_t>(nparts)});
+			vek_write_client(sock, {parts, static_cast<std::size_t>(nparts)});
 			nparts = 0;
 		}
 	}
 	if (nparts > 0)
-		vek_write_client(sock->fd, {parts, static_cast<std::size_t>(nparts)});
+		vek_write_client(sock, {parts, static_cast<std::size_t>(nparts)});
 	return VEK_CONTINUE_DISPATCH;
 }
 
@@ -66,6 +66,17 @@ int find_by_address(const vek_event *event)
 }
 
 } // namespace
+
+int responder_count(const vek_event *event)
+{
+	switch (event->event) {
+	case VEK_EVENT_APP_QUERY_NAME: return userdb_query_by_name(event->username, uinfo_array);
+	case VEK_EVENT_APP_QUERY_FROM: return find_by_address(event);
+	case VEK_EVENT_APP_QUERY_FROM_FIRST: return 1;
+	case VEK_EVENT_APP_QUERY_ALL: return userdb_query_total_user_num();
+	default: return 0;
+	}
+}
 
 int responder_handle_query_by_name(vek_event *event, vek_socket *sock)
 {
@@ -96,7 +107,7 @@ int responder_handle_query_total_user_num(vek_event *event, vek_socket *sock)
 	std::int32_t count = userdb_query_total_user_num();
 	vek_event header = header_for(event, count, 0);
 	iovec parts[] = {{&header, sizeof(header)}, {&count, sizeof(count)}};
-	vek_write_client(sock->fd, parts);
+	vek_write_client(sock, parts);
 	return VEK_CONTINUE_DISPATCH;
 }
 

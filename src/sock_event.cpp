@@ -19,6 +19,9 @@ static fd_set master_rfdset, master_wfdset;
 static fd_set working_rfdset, working_wfdset;
 static int maxfd = -1;
 static int maxfd_changed;
+constexpr int LONGEST_WAIT_MS = 1000;
+static int wait_limit_ms = LONGEST_WAIT_MS; // of the next pass
+static bool last_was_idle;
 
 static bool is_ready(int fd)
 {
@@ -84,6 +87,10 @@ int vek_sock_event_del_fd(int fd)
 	return 0;
 }
 
+void vek_sock_event_limit_wait(int ms) { wait_limit_ms = std::min(wait_limit_ms, ms); }
+
+bool vek_sock_event_was_idle() { return last_was_idle; }
+
 int vek_sock_event_loop(sock_event *callbacks)
 {
 	working_rfdset = master_rfdset;
@@ -93,9 +100,11 @@ int vek_sock_event_loop(sock_event *callbacks)
 		maxfd_changed = 0;
 	}
 
-	timeval timeout{1, 0};
+	timeval timeout{wait_limit_ms / 1000, wait_limit_ms % 1000 * 1000};
+	wait_limit_ms = LONGEST_WAIT_MS;
 	const int result =
 	    select(maxfd + 1, &working_rfdset, nwriters > 0 ? &working_wfdset : nullptr, nullptr, &timeout);
+	last_was_idle = result == 0;
 	if (result < 0)
 		return errno == EINTR ? 0 : callbacks->error(result);
 

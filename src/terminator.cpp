@@ -1,179 +1,36 @@
-// terminator.cpp: ends what still serves a session on this device when the session has ended: the login shell
-// of a console, telnet, ssh or dial-in session, found in a process listing by its terminal, and the ftp
-// server's process, found in the table which that server keeps in shared memory. The privileged launcher does
-// the killing. Also the daemon's child reaper. Which session ended is what the user database wrote into the
-// event before this handler runs.
-//
-// A wrong guess here kills a stranger's process, so what cannot be read exactly is no match.
+// terminator.cpp: ends what still serves a session on this device when the session has ended: the login shell of a
+// console, telnet, ssh or dial-in session, and the ftp server's process. Both are jobs of one queue, whose front
+// is worked off at once while tools have time, and otherwise by the main loop. The privileged launcher does the
+// killing. Also the daemon's child reaper. Which session ended is what the user database wrote into the event
+// before this handler runs; process_list.h and ftp_table.h find the processes.
 #include "terminator.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <sys/ipc.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
 #include "child.h"
-#include "daemon.h"
+#include "fairness.h"
+#include "ftp_table.h"
 #include "init.h"
 #include "misc.h"
+#include "process_list.h"
+#include "sock_event.h"
+#include "stream.h"
 #include "userdb.h"
 #include "vek_event.h"
 
 namespace {
-struct file_closer {
-	void operator()(std::FILE *file) const { std::fclose(file); }
-};
-using file = std::unique_ptr<std::FILE, file_closer>;
 
-// Reads a line without its end. What does not fit is skipped: the rest of a command line, which a user
-// chooses, must never be read as a line of its own.
-template <std::size_t N> bool read_line(std::FILE *from, char (&line)[N])
-{
-	std::size_t length = 0;
-	int c;
-	while ((c = getc_unlocked(from)) != EOF && c != '\n')
-		if (length < N - 1)
-			line[length++] = static_cast<char>(c);
-	line[length] = '\0';
-	return c != EOF || length > 0;
-}
+constinit vek_tool launcher, sshcon;
 
-// ---- tools that may hang ----
-
-class tool {
-public:
-	// Runs it by `start`, which gives its status. False when it was not run to its end.
-	template <class Start> bool run(Start start)
-	{
-		if (rests())
-			return false;
-		const int status = start();
-		if (status == VEK_CHILD_STALLED)
-			stalled_.start();
-		return status >= 0 && WIFEXITED(status);
-	}
-	bool rests() const { return stalled_.active(); }
-
-private:
-	vek_backoff stalled_;
-};
-
-constinit tool listing, launcher, sshcon;
-
-// Without either of these no shell can be ended.
-bool tools_rest() { return listing.rests() || launcher.rests(); }
-
-// ---- the process listing ----
-
-void skip_blanks(std::string_view *text)
-{
-	while (!text->empty() && std::isspace(static_cast<unsigned char>(text->front())))
-		text->remove_prefix(1);
-}
-
-// Takes a number that fits off the front of a text.
-bool take_number(std::string_view *text, int *number)
-{
-	skip_blanks(text);
-	const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), *number);
-	if (error != std::errc())
-		return false;
-	text->remove_prefix(static_cast<std::size_t>(end - text->data()));
-	return true;
-}
-
-struct shell_line {
-	listed_shell shell;
-	int major;
-	std::string_view minor; // as it stands there
-};
-
-// What a line "pid major,minor command" says, when it describes a login shell.
-std::optional<shell_line> read_shell(std::string_view line)
-{
-	if (line.find("-qzsh") == line.npos) // as login shells of the command line are called
-		return {};
-	shell_line read;
-	if (!take_number(&line, &read.shell.pid) || read.shell.pid <= 0 || !take_number(&line, &read.major) ||
-	    line.empty() || line.front() != ',')
-		return {};
-	line.remove_prefix(1);
-	skip_blanks(&line);
-	const auto word_end =
-	    std::find_if(line.begin(), line.end(), [](unsigned char c) { return std::isspace(c); });
-	read.minor = {line.begin(), word_end};
-	if (!take_number(&line, &read.shell.minor))
-		return {};
-	return read;
-}
-
-bool is_on(const shell_line &line, const terminal_number &terminal)
-{
-	const std::string_view wanted(terminal.minor);
-	return line.major == terminal.major && !wanted.empty() &&
-	       (terminal.prefix ? line.minor.starts_with(wanted) : line.minor == wanted);
-}
-
-// Empties the file of the listing. False when it cannot be.
-bool clear_listing()
-{
-	const int fd = vek_open_planted(VEK_PSLIST, O_WRONLY | O_TRUNC);
-	if (fd >= 0)
-		close(fd);
-	return fd >= 0 || errno == ENOENT;
-}
-
-// A fresh listing of all processes with a terminal, or null. An older list is none.
-file list_processes()
-{
-	if (!clear_listing())
-		return nullptr;
-	if (!listing.run([] {
-		    return vek_run_shell("/bin/ps -o 'pid,tty,args' | sed 1d | grep -v '?' > " VEK_PSLIST);
-	    })) {
-		clear_listing(); // there may be no end to what was written until it was killed
-		return nullptr;
-	}
-	const int fd = vek_open_planted(VEK_PSLIST, O_RDONLY);
-	if (fd < 0)
-		return nullptr;
-	file list(fdopen(fd, "r"));
-	if (list == nullptr)
-		close(fd);
-	return list;
-}
-
-// ---- sessions on a terminal ----
-
-terminal_number console_terminal()
-{
-	terminal_number terminal{TTY_CONSOLE_1, {}, true};
-	if (access("/proc/consoles", F_OK) == 0) {
-		char major[TTY_TEXT]{};
-		get_tty_by_proc(major, terminal.minor);
-		std::string_view text(major);
-		if (!take_number(&text, &terminal.major))
-			terminal.minor[0] = '\0';
-	} else {
-		copy_text(terminal.minor, TTY_CONSOLE_2);
-	}
-	return terminal;
-}
+// ---- terminals of sessions ----
 
 // Where a session sits: on the console, or on the pseudo-terminal of this number.
 struct seat {
@@ -218,248 +75,140 @@ template <class Session> std::optional<seat> seat_of(const Session &session)
 	return taken;
 }
 
-// Turns the command-line shell's sshcon feature off when it was on for the terminal of the shell that ended,
-// or for one whose shell has gone by itself.
-void disable_sshcon(const std::optional<listed_shell> &shell)
-{
-	const int enabled_on = get_pts_num();
-	if (enabled_on == RET_ERROR_RESOURCE_NOT_FOUND || (shell && shell->minor != enabled_on))
-		return;
-	sshcon.run([] { return vek_run_shell("qzsh -p 100 -e \"sshcon disable\""); });
-}
+// ---- the queue ----
 
-void end_shell(const std::optional<listed_shell> &shell, bool ssh)
-{
-	if (shell)
-		pidkill(shell->pid);
-	if (ssh)
-		disable_sshcon(shell);
-}
+// The shell on a terminal, or a process of the ftp server.
+struct job {
+	bool is_shell = false;
+	bool ssh = false;      // of a shell: its session may have had sshcon on
+	bool deferred = false; // not done at once: somebody may have logged in on the terminal since
+	bool tried = false;    // a tool hung over it once
+	seat shell_on{};
+	std::uint64_t ended = 0; // when its session did, in seconds since boot
+	ftp_process process{};
 
-// Shells that are ended later, because a tool hung or tools have taken long while everybody waits: each
-// terminal once, in the order in which their sessions ended.
-struct waiting_shell {
-	seat left;
-	bool ssh;
-	std::uint64_t ended; // when its session did, in seconds since boot
-};
-waiting_shell put_off[VEK_MAX_USERS];
-int count_put_off;
-
-// False when there is no room.
-bool put_off_shell(const seat &left, bool ssh)
-{
-	auto *const end = put_off + count_put_off;
-	auto *const same =
-	    std::find_if(put_off, end, [&](const waiting_shell &shell) { return shell.left == left; });
-	if (same == std::end(put_off))
-		return false;
-	*same = {left, ssh || (same != end && same->ssh), seconds_since_boot};
-	count_put_off += same == end;
-	return true;
-}
-
-// By somebody who has come since, whose shell it is that would be found there.
-bool is_taken(const waiting_shell &shell)
-{
-	for (const user_list *ulist : userdb_use_list) { // the newest first
-		if (ulist->uinfo->login_time < shell.ended)
-			break;
-		if (seat_of(*ulist->uinfo) == shell.left)
-			return true;
+	bool is_same(const job &other) const
+	{
+		return is_shell == other.is_shell &&
+		       (is_shell ? shell_on == other.shell_on : process == other.process);
 	}
+};
+
+// In the order in which the sessions ended, each terminal and each process once.
+job jobs[VEK_MAX_USERS];
+int count_jobs;
+
+// True if a session has come to this terminal since: the shell found there is its own. Its login may be older, so
+// no session is left out.
+bool is_taken(const job &job)
+{
+	for (const user_list *ulist : userdb_use_list)
+		if (ulist->terminal_since >= job.ended && seat_of(*ulist->uinfo) == job.shell_on)
+			return true;
 	return false;
 }
 
-void end_waiting_shell(const waiting_shell &waiting, const std::optional<listed_shell> &shell)
+// Turns the command-line shell's sshcon feature off when it was on for the terminal of the shell that ended,
+// or for one whose shell has gone by itself.
+vek_tool::result disable_sshcon(const std::optional<listed_shell> &shell)
 {
-	if (!is_taken(waiting))
-		return end_shell(shell, waiting.ssh);
-	listed_shell gone{};
-	std::string_view number(waiting.left.number);
-	if (waiting.ssh && take_number(&number, &gone.minor))
-		disable_sshcon(gone);
+	const int enabled_on = get_pts_num();
+	if (enabled_on == RET_ERROR_RESOURCE_NOT_FOUND || (shell && shell->minor != enabled_on))
+		return vek_tool::ENDED;
+	return sshcon.run([] { return vek_run_shell("qzsh -p 100 -e \"sshcon disable\""); });
 }
 
-// As many as a turn of the tools allows, with one listing. False when there was nothing that could be done.
-bool end_waiting_shells()
+vek_tool::result launch_kill(int pid, int *status)
 {
-	if (count_put_off == 0 || tools_rest())
-		return false;
+	char text[8];
+	const int length = std::snprintf(text, sizeof text, "%d", pid);
+	if (pid <= 0 || length >= static_cast<int>(sizeof text))
+		return vek_tool::FAILED;
+	const char *const argv[] = {"/util/suexec", "/bin/kill", text, nullptr};
+	return launcher.run([&] { return *status = vek_run(argv); });
+}
+
+vek_tool::result end_shell(const job &job, std::optional<listed_shell> shell)
+{
+	int status;
+	if (job.deferred && is_taken(job)) {
+		// Only the feature, and only when it was this terminal's.
+		if (!job.ssh)
+			return vek_tool::ENDED;
+		shell = listed_shell{0, std::atoi(job.shell_on.number)};
+	} else if (shell && launch_kill(shell->pid, &status) == vek_tool::STALLED) {
+		return vek_tool::STALLED;
+	}
+	return job.ssh ? disable_sshcon(shell) : vek_tool::ENDED;
+}
+
+vek_tool::result end_process(const ftp_process &process)
+{
+	int status;
+	return ftp_process_may_be_ended(process) ? launch_kill(process.pid, &status) : vek_tool::ENDED;
+}
+
+// Without these nothing of a kind can be ended.
+bool must_rest(const job &job) { return launcher.rests() || (job.is_shell && process_lister.rests()); }
+
+bool can_run(const job &job) { return !must_rest(job); }
+
+// Looks for the shells of all jobs from this one on. False without a listing.
+bool list_shells(int first, shell_search *searches)
+{
+	std::transform(jobs + first, jobs + count_jobs, searches + first, [](const job &job) -> shell_search {
+		return {job.is_shell ? job.shell_on.terminal() : terminal_number{}, {}};
+	});
+	const open_file list = list_processes();
+	if (list != nullptr)
+		find_shells(list.get(), {searches + first, static_cast<std::size_t>(count_jobs - first)});
+	fairness_turn_starts();
+	return list != nullptr;
+}
+
+// Works off the queue until `enough` says so, with one listing for all the shells. A job over which a tool hangs
+// keeps its place, once; whatever else happens to it, it is done.
+template <class Enough> void run_jobs(Enough enough)
+{
 	static shell_search searches[VEK_MAX_USERS];
-	const file list = list_processes();
-	vek_begin_child_turn();
-	if (list != nullptr) {
-		std::transform(put_off, put_off + count_put_off, searches,
-			       [](const waiting_shell &shell) -> shell_search {
-				       return {shell.left.terminal(), {}};
-			       });
-		find_shells(list.get(), {searches, static_cast<std::size_t>(count_put_off)});
+	bool listed = false, over = false;
+	int kept = 0;
+	for (int i = 0; i < count_jobs; i++) {
+		job current = jobs[i];
+		if (!over && can_run(current)) {
+			const bool failed = current.is_shell && !listed && !(listed = list_shells(i, searches));
+			const vek_tool::result result = failed             ? vek_tool::STALLED
+							: current.is_shell ? end_shell(current, searches[i].shell)
+									   : end_process(current.process);
+			over = failed || enough();
+			if (result != vek_tool::STALLED || current.tried)
+				continue;
+			current.tried = true;
+		}
+		current.deferred = true;
+		jobs[kept++] = current;
 	}
-	// Without a listing only the first one's chance is gone.
-	int done = 0;
-	do {
-		if (list != nullptr)
-			end_waiting_shell(put_off[done], searches[done].shell);
-	} while (++done < count_put_off && list != nullptr && !vek_child_turn_is_over());
-	std::copy(put_off + done, put_off + count_put_off, put_off);
-	count_put_off -= done;
-	return true;
+	count_jobs = kept;
 }
 
-void clear_terminal_session(const vek_event *event)
+void queue_job(const job &job, const vek_socket *sock)
 {
-	const auto left = seat_of(*event);
-	const bool ssh = strcmp(event->service, SERVICE_NAME_SSH) == 0;
-	if (tools_rest() || vek_child_turn_is_over() || count_put_off > 0) {
-		if (left && !put_off_shell(*left, ssh) && end_waiting_shells())
-			put_off_shell(*left, ssh);
+	auto *const end = jobs + count_jobs;
+	auto *const same = std::find_if(jobs, end, [&](const auto &other) { return other.is_same(job); });
+	if (same != end) {
+		same->ssh |= job.ssh;
+		same->ended = job.ended;
 		return;
 	}
-	const file list = list_processes();
-	if (list == nullptr || !left)
-		return;
-	shell_search search{left->terminal(), {}};
-	find_shells(list.get(), {&search, 1});
-	end_shell(search.shell, ssh);
-}
-
-// ---- ftp sessions ----
-
-// Opens a set for bsemaphore_p or bsemaphore_v, whose last letter is `call`. Its id, or -1 after a message.
-int open_semaphore(key_t key, char call)
-{
-	const int id = semget(key, 1, 0666);
-	if (id < 0)
-		std::fprintf(stderr, "bsemaphore_%c() semget() failed, semkey: %x\n", call,
-			     static_cast<unsigned>(key));
-	return id;
-}
-
-constinit vek_backoff lock_is_held;
-
-int operate_semaphore(key_t key, char call, int change)
-{
-	const int id = open_semaphore(key, call);
-	if (id < 0)
-		return -1;
-	const bool wait = !lock_is_held.active();
-	const int result = vek_semop(id, change, wait);
-	if (result < 0 && errno == EAGAIN && wait)
-		lock_is_held.start();
-	if (result < 0)
-		std::fprintf(stderr, "semaphore_%c failed, id: %d, failcode: %d\n", call, id, result);
-	return result;
-}
-
-// The ftp server's table, copied before use: the server, or whoever else can, may write to it at any time.
-class ftp_table {
-public:
-	explicit ftp_table(key_t key)
-	    : shared_(static_cast<ClientTerminateList *>(vek_attach_shm(key, sizeof(ClientTerminateList))))
-	{
-		if (shared_ != nullptr)
-			copy_ = *shared_;
-	}
-	~ftp_table()
-	{
-		if (shared_ != nullptr)
-			put_shm(shared_);
-	}
-	ftp_table(const ftp_table &) = delete;
-	ftp_table &operator=(const ftp_table &) = delete;
-
-	bool usable() const
-	{
-		return shared_ != nullptr && copy_.size >= 1 && copy_.size < DEFAULT_MAX_USERS;
-	}
-	int size() const { return static_cast<int>(copy_.size); }
-	int pid(int entry) const { return copy_.list[entry].pid; }
-
-	// The first entry with exactly this name and address, or -1.
-	int find(const char *username, const char *ipaddr) const
-	{
-		for (int i = 0; i < size(); i++)
-			if (equal(copy_.list[i].username, username) && equal(copy_.list[i].ipaddr, ipaddr))
-				return i;
-		return -1;
-	}
-
-	void remove(int entry)
-	{
-		const int left = size() - 1;
-		std::copy(copy_.list + entry + 1, copy_.list + size(), shared_->list + entry);
-		shared_->size = copy_.size = static_cast<std::uint64_t>(left);
-	}
-
-private:
-	// A field without a terminator is equal to nothing.
-	template <std::size_t N> static bool equal(const char (&field)[N], const char *text)
-	{
-		return std::memchr(field, '\0', N) != nullptr && std::strcmp(field, text) == 0;
-	}
-
-	ClientTerminateList *shared_;
-	ClientTerminateList copy_{};
-};
-
-// Who makes the table says which processes are ended, by a launcher that may end any: his own, unless he is
-// root. And anybody may have written into it.
-bool may_be_ended(int pid)
-{
-	if (pid <= 1 || pid == getpid())
-		return false;
-	shmid_ds table;
-	if (shmctl(shmget(PUREFTP_IPC_SHM_KEY, 0, 0), IPC_STAT, &table) < 0)
-		return false;
-	char path[32];
-	std::snprintf(path, sizeof path, "/proc/%d", pid);
-	struct stat process;
-	return table.shm_perm.cuid == 0 ||
-	       (stat(path, &process) == 0 && process.st_uid == table.shm_perm.cuid);
-}
-
-// Processes that are ended later, for the same reasons as shells. A table that somebody keeps filling names
-// more of them than there are.
-int waiting_processes[VEK_MAX_USERS];
-int count_waiting_processes;
-
-void end_process(int pid)
-{
-	if (!launcher.rests() && !vek_child_turn_is_over() && count_waiting_processes == 0)
-		pidkill(pid);
-	else if (count_waiting_processes < VEK_MAX_USERS)
-		waiting_processes[count_waiting_processes++] = pid;
-}
-
-// As many as a turn of the tools allows. False when there was nothing that could be done.
-bool end_waiting_processes()
-{
-	if (count_waiting_processes == 0 || launcher.rests())
-		return false;
-	vek_begin_child_turn();
-	int done = 0;
-	do
-		pidkill(waiting_processes[done]);
-	while (++done < count_waiting_processes && !vek_child_turn_is_over());
-	std::copy(waiting_processes + done, waiting_processes + count_waiting_processes, waiting_processes);
-	count_waiting_processes -= done;
-	return true;
-}
-
-void clear_ftp_session(const vek_event *event)
-{
-	char address[INET_ADDRSTRLEN];
-	inet_ntop(AF_INET, &event->ip, address, sizeof address);
-	const bool locked = bsemaphore_p(PUREFTP_IPC_KEY) == 0;
-	const int pid = ftplogout_shm_getpid(PUREFTP_IPC_SHM_KEY, event->real_username, address);
-	ftplogout_shm_remove(PUREFTP_IPC_SHM_KEY, event->real_username, address);
-	if (locked)
-		bsemaphore_v(PUREFTP_IPC_KEY);
-	else // nothing was taken to be given back; a missing set is reported again
-		open_semaphore(PUREFTP_IPC_KEY, 'v');
-	if (may_be_ended(pid))
-		end_process(pid);
+	if (count_jobs == VEK_MAX_USERS)
+		run_jobs([] { return true; });
+	if (count_jobs == VEK_MAX_USERS)
+		return; // no tool works, and there are as many already as there can be sessions
+	jobs[count_jobs++] = job;
+	if (fairness_allows_tools(sock))
+		run_jobs([sock] { return !fairness_allows_tools(sock); });
+	else
+		jobs[count_jobs - 1].deferred = true;
 }
 
 constexpr vek_registration registrations[] = {
@@ -484,59 +233,44 @@ int terminator_init()
 void terminator_child_handler(int)
 {
 	const int error = errno;
-	while (waitpid(-1, nullptr, WNOHANG) > 0)
-		;
+	for (pid_t pid; (pid = waitpid(-1, nullptr, WNOHANG)) > 0;)
+		stream_child_ended(pid);
 	errno = error;
 }
 
-int terminator_clear_session(vek_event *event, vek_socket *)
+int terminator_clear_session(vek_event *event, vek_socket *sock)
 {
-	if (strcmp(event->service, SERVICE_NAME_FTP) == 0)
-		clear_ftp_session(event);
-	else if (*tty_of(*event) != '\0')
-		clear_terminal_session(event);
+	if (strcmp(event->service, SERVICE_NAME_FTP) == 0) {
+		if (const auto process = ftp_table_take(event))
+			queue_job({.process = *process}, sock);
+	} else if (const auto terminal = seat_of(*event)) {
+		const bool ssh = strcmp(event->service, SERVICE_NAME_SSH) == 0;
+		queue_job({.is_shell = true, .ssh = ssh, .shell_on = *terminal, .ended = seconds_since_boot}, sock);
+	}
 	return VEK_CONTINUE_DISPATCH;
 }
 
-bool terminator_end_put_off()
+bool terminator_run_deferred()
 {
-	const bool processes = end_waiting_processes();
-	return end_waiting_shells() || processes;
+	const auto can_do_more = [] { return std::any_of(jobs, jobs + count_jobs, can_run); };
+	if (!can_do_more())
+		return false;
+	if (fairness_may_take_turn(vek_sock_event_was_idle()))
+		run_jobs(fairness_turn_is_over);
+	return can_do_more();
+}
+
+void terminator_finish(int limit_ms)
+{
+	const std::int64_t limit = monotonic_ms() + limit_ms;
+	while (std::any_of(jobs, jobs + count_jobs, can_run) && monotonic_ms() < limit)
+		run_jobs([limit] { return monotonic_ms() >= limit; });
 }
 
 int pidkill(int pid)
 {
-	char text[8];
-	const int length = std::snprintf(text, sizeof text, "%d", pid);
-	if (pid <= 0 || length >= static_cast<int>(sizeof text))
-		return -1;
-	const char *const argv[] = {"/util/suexec", "/bin/kill", text, nullptr};
 	int status = -1;
-	return launcher.run([&] { return status = vek_run(argv); }) ? WEXITSTATUS(status) : -1;
-}
-
-void read_consoles(std::FILE *consoles, char *tty1, char *tty2)
-{
-	char line[64];
-	while (read_line(consoles, line))
-		if (const char *blank = strrchr(line, ' '))
-			std::sscanf(blank + 1, "%7[^:]:%7s", tty1, tty2);
-}
-
-void get_tty_by_proc(char *tty1, char *tty2)
-{
-	if (const file consoles{std::fopen("/proc/consoles", "re")})
-		read_consoles(consoles.get(), tty1, tty2);
-}
-
-void find_shells(std::FILE *list, std::span<shell_search> searches)
-{
-	char text[256];
-	while (read_line(list, text))
-		if (const auto line = read_shell(text))
-			for (shell_search &search : searches)
-				if (!search.shell && is_on(*line, search.terminal))
-					search.shell = line->shell;
+	return launch_kill(pid, &status) == vek_tool::ENDED ? WEXITSTATUS(status) : -1;
 }
 
 int get_pts_num()
@@ -569,25 +303,4 @@ int check_sshcon_available(char *pszUserName)
 	vek_pipe lines;
 	char line[256];
 	return lines.start(command) && lines.read_line(line, sizeof line) ? RET_SUCCESS : RET_GENERAL_ERROR;
-}
-
-int bsemaphore_p(key_t key) { return operate_semaphore(key, 'p', -1); }
-
-int bsemaphore_v(key_t key) { return operate_semaphore(key, 'v', 1); }
-
-int ftplogout_shm_getpid(key_t key, const char *username, const char *ipaddr)
-{
-	const ftp_table table(key);
-	const int entry = table.usable() ? table.find(username, ipaddr) : -1;
-	return entry < 0 ? -1 : table.pid(entry);
-}
-
-int ftplogout_shm_remove(key_t key, const char *username, const char *ipaddr)
-{
-	ftp_table table(key);
-	if (!table.usable())
-		return -1;
-	if (const int entry = table.find(username, ipaddr); entry >= 0)
-		table.remove(entry);
-	return table.size();
 }

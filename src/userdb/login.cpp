@@ -40,8 +40,8 @@ void refuse(const vek_event *event, const char *function)
 user_list *make_room(const vek_event *event, const char *function)
 {
 	if (is_cloud == 1 && IsWebAuth(event->service)) {
-		kickout_not_in_redis_portal_user();
-		return userdb_unuse_list.front();
+		if (portal_clean_up())
+			return userdb_unuse_list.front();
 	}
 	refuse(event, function);
 	return nullptr;
@@ -188,13 +188,14 @@ int userdb_handle_login(vek_event *event, vek_socket *)
 		return VEK_STOP_DISPATCH;
 	event->attribute = uinfo->attribute;
 
+	ulist->terminal_since = seconds_since_boot;
 	{
 		const std::lock_guard hold(userdb_lock);
 		if (userdb_insert(ulist) < 0)
 			return VEK_STOP_DISPATCH;
 		ulist->station = IsWebAuth(event->service) ? rb_insert_station(rb_root, event) : nullptr;
 		if (ulist->station != nullptr)
-			ulist->station->session = ulist;
+			ulist->station->holder = &ulist->station;
 		vek_users++;
 	}
 	return event->event == VEK_EVENT_USER_SOCIAL_LOGIN_STAGE1 ? VEK_STOP_DISPATCH : VEK_CONTINUE_DISPATCH;

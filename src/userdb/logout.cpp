@@ -1,7 +1,9 @@
 // logout.cpp: sessions end because a service says so: the logout and the web logout, with the station filters
 // of cloud-managed devices. After a removal the event is completed with what the session was, because the
 // handlers behind the user database never look into it. Also here: moving a session to another IPv4 address.
+#include <algorithm>
 #include <cstring>
+#include <span>
 
 #include "misc.h"
 #include "qzkit.h"
@@ -130,6 +132,15 @@ int userdb_handle_web_logout(vek_event *event, vek_socket *)
 		vek_dispatch_event(event, nullptr);
 	}
 	return VEK_STOP_DISPATCH;
+}
+
+bool userdb_logout_would_end(const vek_event *event, const user_list *ulist)
+{
+	vek_refresh_cloud(is_cloud);
+	if (is_cloud && !passes_profile_filters(event, ulist->uinfo))
+		return false;
+	const auto found = static_cast<std::size_t>(find_user_list_of_event(event));
+	return std::ranges::count(std::span(ulist_array, found), ulist) > 0;
 }
 
 void userdb_log_out(user_list *ulist, vek_event *event)

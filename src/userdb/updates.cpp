@@ -2,6 +2,7 @@
 // ssh terminal, and the IPv4 address of a station that roamed.
 #include <cstring>
 
+#include "daemon.h"
 #include "misc.h"
 #include "userdb.h"
 #include "vek_event.h"
@@ -14,7 +15,7 @@ template <class Update> int update_sessions(const vek_event *event, Update updat
 	const int found =
 	    find_user_list(event->service, event->username, event->ip, nullptr, event->unique, 0);
 	for (int i = 0; i < found; i++)
-		update(ulist_array[i]->uinfo);
+		update(ulist_array[i]);
 	return found > 0 ? VEK_CONTINUE_DISPATCH : VEK_STOP_DISPATCH;
 }
 
@@ -23,12 +24,13 @@ template <class Update> int update_sessions(const vek_event *event, Update updat
 int userdb_handle_update_accounting_status(vek_event *event, vek_socket *)
 {
 	return update_sessions(
-	    event, [=](user_info *uinfo) { uinfo->accounting_status = event->accounting_status; });
+	    event, [=](user_list *ulist) { ulist->uinfo->accounting_status = event->accounting_status; });
 }
 
 int userdb_handle_renew_radius_profile_name(vek_event *event, vek_socket *)
 {
-	return update_sessions(event, [=](user_info *uinfo) {
+	return update_sessions(event, [=](user_list *ulist) {
+		user_info *uinfo = ulist->uinfo;
 		if (std::strcmp(uinfo->radius_profile_name, event->old_radius_profile_name) == 0)
 			copy_text(uinfo->radius_profile_name, event->radius_profile_name);
 	});
@@ -36,7 +38,10 @@ int userdb_handle_renew_radius_profile_name(vek_event *event, vek_socket *)
 
 int userdb_handle_update_ssh_tty(vek_event *event, vek_socket *)
 {
-	return update_sessions(event, [=](user_info *uinfo) { copy_text(uinfo->ssh_tty, event->ssh_tty); });
+	return update_sessions(event, [=](user_list *ulist) {
+		copy_text(ulist->uinfo->ssh_tty, event->ssh_tty);
+		ulist->terminal_since = seconds_since_boot;
+	});
 }
 
 int userdb_handle_update_roaming_sta_ip(vek_event *event, vek_socket *)

@@ -78,15 +78,18 @@ def without_room(option, *paths):
         subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4k," + option, "tmpfs", path], check=True)
         with contextlib.suppress(OSError):
             pathlib.Path(path, "filler").write_bytes(bytes(65536))
-    yield
-    for path in paths:
-        subprocess.run(["umount", "-l", path], check=True)
+    try:
+        yield
+    finally:
+        for path in paths:
+            subprocess.run(["umount", "-l", path], check=True)
 
 
 # ---- processes ----
 
-# Another user than root, where the sandbox has more than one.
-NOBODY = 65534 if int(read("/proc/self/uid_map").split()[2]) > 65534 else 0
+# Other users than root, where the sandbox has more than one: hostile ones and honest ones.
+NOBODY, SOMEBODY = (65534, 33) if int(read("/proc/self/uid_map").split()[2]) > 65534 else (0, 0)
+with_users = unittest.skipUnless(NOBODY, "there is no other user here")
 
 
 def alive(pid):
@@ -108,6 +111,16 @@ def end(*children):
         child.join()
 
 
+def again_and_again(user, way, *arguments):
+    """A process that goes on until it is ended: turned away, or shut down, it begins again. At the daemon's priority,
+    so that it competes for what is tested and not for the machine."""
+    os.nice(19 - os.nice(0))
+    os.setuid(user)
+    while True:
+        with contextlib.suppress(OSError):
+            way(*arguments)
+
+
 def other_processes():
     """Of this sandbox, beside its first and this one."""
     pids = {int(pid) for pid in os.listdir("/proc") if pid.isdigit()} - {1, os.getpid()}
@@ -123,11 +136,17 @@ def notice(number, service="", user="", unique="", ip=0, **fields):
 
 
 class Client:
-    """A connection to the notify or the request socket, closed with its last reference."""
+    """A user's connection to the notify or the request socket, closed with its last reference."""
     _as_parameter_ = None
 
-    def __init__(self, kind):
-        self._as_parameter_ = ctypes.c_void_p(checked(getattr(LIBRARY, "vek_client_open_" + kind)(LIMIT * 1000)))
+    def __init__(self, kind, user=None):
+        effective = os.geteuid()
+        if user is not None:
+            os.seteuid(user)
+        try:
+            self._as_parameter_ = ctypes.c_void_p(checked(getattr(LIBRARY, "vek_client_open_" + kind)(LIMIT * 1000)))
+        finally:
+            os.seteuid(effective)
         self.fd = LIBRARY.vek_client_fd(self)
 
     def __del__(self):
@@ -142,10 +161,10 @@ class Client:
     def logout(self, *keys, **fields):
         return self.report(vek.EVENT_USER_LOGOUT, *keys, **fields)
 
-    def fill(self, sessions):
+    def fill(self, sessions, **fields):
         """Of users "0", "1", ... of the web interface."""
         for i in range(sessions):
-            assert self.login("http/https", str(i)) == 0
+            assert self.login("http/https", str(i), **fields) == 0
 
     def count(self):
         return checked(LIBRARY.vek_client_count(self))
@@ -186,6 +205,12 @@ class Client:
                     break
                 text += part
         return text
+
+    def copies(self, most):
+        """So many, or those that come before the daemon ends it."""
+        text, size = self.read(most * ctypes.sizeof(vek.event)), ctypes.sizeof(vek.event)
+        assert len(text) % size == 0, "a copy came in part"
+        return [vek.event.from_buffer_copy(text, at) for at in range(0, len(text), size)]
 
     def ended(self):
         """By the daemon, even if what it sent is unread."""
@@ -251,7 +276,7 @@ def set_up_sandbox():
 class OnDevice(unittest.TestCase):
     """A clock that stands still at an uptime, a reader of the system log, a daemon to start with a service and
     somebody who asks connected to it, and the check that nothing is left."""
-    pid, output_file = None, ""  # the daemon's
+    pid, output_file, priority = None, "", 0  # the daemon's
     starts = itertools.count()
 
     def setUp(self):
@@ -298,7 +323,8 @@ class OnDevice(unittest.TestCase):
                               setsigdef=[signal.SIGPIPE, signal.SIGXFSZ])
 
     def start(self, *options):
-        """Until it answers. It then gets a common priority, so that what else runs here decides nothing."""
+        """Until it answers. It then gets a common priority, so that what else runs here decides nothing, unless the
+        suite says otherwise."""
         started = self.spawn(*options)
         assert options or exit_status(started) == 0  # with "-d" it stays in the foreground
         self.pid = int(wait_for(lambda: read(vek.PID_FILE)))
@@ -306,7 +332,7 @@ class OnDevice(unittest.TestCase):
         self.ask.count()
         assert os.getpriority(os.PRIO_PROCESS, self.pid) == 19
         with contextlib.suppress(PermissionError):  # of a sandbox whose root is none outside
-            os.setpriority(os.PRIO_PROCESS, self.pid, 0)
+            os.setpriority(os.PRIO_PROCESS, self.pid, self.priority)
 
     def stop(self, number=signal.SIGTERM):
         """The status."""
@@ -344,6 +370,12 @@ class OnDevice(unittest.TestCase):
     def logged(self, text, priority=29):
         """Waits for a line of exactly this text at this priority (facility included)."""
         wait_for(lambda: f"\n<{priority}>{text}\n" in "\n" + log_lines())
+
+    def stopped(self):
+        """What is sent meanwhile lies whole before it when it goes on."""
+        self.kill(signal.SIGSTOP)
+        self.addCleanup(lambda: self.pid and self.kill(signal.SIGCONT))
+        wait_for(lambda: read(f"/proc/{self.pid}/stat").rpartition(") ")[2][:1] == "T")
 
     def process(self, body=signal.pause, *arguments):
         """A child, ended with the test."""

@@ -83,13 +83,17 @@ class Road(OnDevice):
 class FullPool(OnDevice):
     def test_refuses_displaces_and_cleans_up(self):
         write(PLATFORM, "mode cloud\n")
-        stand_in("/usr/local/bin/dbctl", "echo x 02:00:00:00:00:02\n")  # the stations that are there
+        # The stations that are there. It takes its time, rightly, and there are two calls of it.
+        stand_in("/usr/local/bin/dbctl", "sleep 1.2; echo x 02:00:00:00:00:02\n")
         self.start()
         self.service.fill(vek.MAX_USERS)
         copies = Client("request").subscribe()
         self.assertEqual(vek.MAX_USERS, len(set(users(self.ask.query("all")))))
-        self.assertEqual(1, self.service.login("ssh", "late"))
-        wait_for(lambda: log_lines().count("<25>Failed login attempt to ") == 1)
+        for i, service in enumerate(("ssh", "captive portal")):  # with no station to log out
+            self.assertEqual(1, self.service.login(service, "late"))
+            with contextlib.suppress(AssertionError):
+                wait_for(lambda: log_lines().count("<25>Failed login attempt to ") == i + 1, 1)
+            self.assertEqual(i + 1, log_lines().count("<25>Failed login attempt to "), service)
         self.assertFalse(copies.pending())
         self.assertEqual(0, self.service.login("ssh", "admin"))
         self.assertEqual(0, self.service.logout("ssh", "admin"))
@@ -99,6 +103,34 @@ class FullPool(OnDevice):
         for user in ("0", "admin", "admin", "gone", "gone", "new"):
             self.assertEqual(user, copies.next().real_username)
         self.assertEqual(vek.MAX_USERS, self.ask.count())
+
+    def test_the_clean_up_tells_of_the_one_session_that_it_ends(self):
+        """Also when a logout by its station would not find it, or would find its successor."""
+        stand_in("/usr/local/bin/dbctl", "")
+        write(PLATFORM, "mode cloud\n")
+        self.start()
+        self.service.fill(vek.MAX_USERS - 2)
+        copies = Client("request").subscribe()
+        first, second = ({"sta_mac": f"02:00:00:00:00:0{i}", "ssid_profile_name": "vap-1"} for i in "12")
+        # In which mode the one whose turn it is came, what is known of his station, and of his account's other one.
+        for mode, gone, other in (("cloud", first, second), ("cloud", first | {"ssid_profile_name": ""}, second),
+                                  ("cloud", first | {"sta_mac": ""}, second), ("standalone", first, first)):
+            with self.subTest(mode=mode, **gone):
+                write(PLATFORM, f"mode {mode}\n")
+                for unique, station in (("1", gone), ("2", other)):
+                    keys = ("captive portal", "roams", unique, vek.in4("10.0.0." + unique))
+                    self.assertEqual(0, self.service.login(*keys, **station, auth_time=unique,
+                                                           usr_from=vek.FOREIGN_AUTHENTICATED_USER))
+                    write(PLATFORM, "mode cloud\n")
+                self.assertEqual(0, self.service.login("captive portal", "new", "3"))
+                self.settle()
+                told = [copies.next() for _ in iter(copies.pending, False)]
+                self.assertEqual([("1", 1), ("2", 2), ("1", 1), ("3", 0)],
+                                 [(copy.unique, copy.ip >> 24) for copy in told])
+                self.assertEqual(["2"], [session.unique for session in self.ask.query("name", b"roams")])
+                for user in ("roams", "new"):
+                    self.service.report(vek.EVENT_WEB_USER_LOGOUT, "", user)
+                    copies.next()
 
 
 class Day(OnDevice):

@@ -65,16 +65,31 @@ class Shared(OnDevice):
         self.assertEqual(([], 49), log_out("a" * 32 + "10.0.0.1"))
         self.assertEqual(([], 49), log_out("user1", "192.168.100.100"))
 
-    @unittest.skipUnless(NOBODY, "there is no other user here")
+    @with_users
     def test_an_ftp_table_of_somebody_ends_only_his_processes(self):
+        """When they are ended, which may be a while after they were found, with another process of that id then."""
+        stand_in("/util/suexec", f"echo $2 >>{SCRATCH}commands; sleep 0.3; until [ -e {SCRATCH}go$2 ]; do sleep 0.01; done\n")
         self.start()
         os.seteuid(NOBODY)
-        his, (table, lock) = self.process(), self.ftp_clients()
+        his, (table, lock) = [self.process() for _ in range(3)], self.ftp_clients()
         os.seteuid(0)
         LIBC.semctl(lock, 0, SETVAL, 1)
-        for pid in (os.getpid(), his.pid):
-            table.size, table.list[0] = 1, vek.ClientTerminateInformation(pid, "bob", "0.0.0.0")
-            self.assertEqual([pid] * (pid == his.pid), self.log_out("ftp", "bob"))
+        pids = [os.getpid(), *(process.pid for process in his)]
+        table.size = len(pids)
+        for i, pid in enumerate(pids):
+            table.list[i] = vek.ClientTerminateInformation(pid, "bob", "0.0.0.0")
+            self.service.login("ftp", "bob")
+            write(f"{SCRATCH}go{pid}", "")
+        os.unlink(f"{SCRATCH}go{pids[2]}")
+        self.service.write(notice(vek.EVENT_WEB_USER_LOGOUT, "", "bob"))
+        wait_for(lambda: read(SCRATCH + "commands").split() == [str(pid) for pid in pids[1:3]])
+        end(his[2])
+        pathlib.Path("/proc/sys/kernel/ns_last_pid").write_text(str(pids[3] - 1))
+        self.assertEqual(pids[3], self.process().pid, "somebody else was faster")
+        write(f"{SCRATCH}go{pids[2]}", "")
+        self.assertEqual(4, len(self.service.read(4)))
+        self.settle()
+        self.assertEqual([str(pid) for pid in pids[1:3]], read(SCRATCH + "commands").split())
 
     def test_lockouts_age_at_the_boundary_seconds(self):
         self.start()
@@ -106,7 +121,9 @@ class Shared(OnDevice):
             self.assertEqual(killed, self.log_out(*terminal), listing)
 
     def test_the_dump_of_stations(self):
+        self.addCleanup(os.umask, os.umask(0o077))  # as the unit sets it; what it writes is for everybody
         self.start()
+        self.assertEqual(0o644, os.stat(vek.PID_FILE).st_mode & 0o777)
         for user, mac, since in (("u\n2", "m1", "10"), ("eve", "m", "19"), ("eve", "m", "1")):  # a name forges no line
             self.service.login("captive portal", user, since, sta_mac=mac, ssid_profile_name="p", auth_time=since,
                                usr_from=vek.FOREIGN_AUTHENTICATED_USER)
@@ -119,6 +136,7 @@ class Shared(OnDevice):
         whole = ("=== DEBUG_print_tree-117 : print start ===\nu?2-m1(Black) is root\neve-m-1- is m1's left child\n"
                  "eve-m-19- is m1's right child\n=== DEBUG_print_tree-121 : print end ===\n")
         self.assertEqual(whole, dump())
+        self.assertEqual(0o644, os.stat(vek.RBTREE_DUMP).st_mode & 0o777)
         write("/tmp/victim", "mine")
         os.unlink(vek.RBTREE_DUMP)
         os.symlink("/tmp/victim", vek.RBTREE_DUMP)

@@ -1,7 +1,7 @@
 """start_test.py: starts: with something in the way, beside a daemon that runs, and after a kill at any point of its
 work, by the way of the unit and the init script (VEKD_PID names the helper of both, unless it is this tree's).
 RESTARTS: how many kills (20); RESTART_SEED: another run of the same."""
-import fcntl, random
+import fcntl, random, resource
 
 import vek
 from device import *
@@ -50,6 +50,30 @@ class StartUp(OnDevice):
         write(vek.PID_FILE, "1000000")  # of a daemon that found none
         self.stop()
         self.assertEqual("1000000", read(vek.PID_FILE))
+
+    def test_removes_its_pid_file_without_a_free_descriptor(self):
+        self.start()
+        free = next(fd for fd in itertools.count() if not os.path.lexists(f"/proc/{self.pid}/fd/{fd}"))
+        resource.prlimit(self.pid, resource.RLIMIT_NOFILE, (free, free))
+        self.kill(signal.SIGTERM)
+        self.assertEqual(0, exit_status(self.pid))
+        self.pid = None
+        self.assertFalse(os.path.exists(vek.PID_FILE))
+
+    def test_block_that_cannot_be_used(self):
+        """Somebody's gives way; root's stays, and the log says so."""
+        for user in {NOBODY, 0}:
+            with self.subTest(user):
+                os.seteuid(user)
+                planted = checked(LIBC.shmget(vek.USER_CONFIG_IPC_KEY, 8, IPC_CREAT | 0o666))
+                os.seteuid(0)
+                self.start()
+                with contextlib.suppress(AssertionError):
+                    wait_for(lambda: "<25>" in log_lines(), 1)
+                usable = LIBC.shmget(vek.USER_CONFIG_IPC_KEY, ctypes.sizeof(vek.user_config), 0) >= 0
+                self.stop()
+                LIBC.shmctl(planted, IPC_RMID, None)
+                self.assertEqual((bool(user), not user), (usable, "<25>" in log_lines()))
 
     def test_one_of_two_starts_at_once_serves(self):
         """Whatever they inherit. A second one would be found when the test ends."""

@@ -154,8 +154,8 @@ void step(input &in)
 	} else if (number == 8) {
 		const unsigned mode = in.byte();
 		fake.mode = static_cast<int>(mode % 6);
-		fake.tools_are_slow = mode >= 128;
-		terminator_end_put_off();
+		fake.tool_ms = mode >= 128 ? 1000 : 0;
+		terminator_run_deferred();
 	} else if (number == 9) {
 		std::optional<client> &program = clients[1 + in.byte() % 4];
 		if (program && in.byte() & 1)

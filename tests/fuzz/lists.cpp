@@ -4,8 +4,8 @@
 #include <memory>
 #include <sstream>
 
+#include "process_list.h"
 #include "target.h"
-#include "terminator.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {

@@ -69,7 +69,7 @@ core::~core()
 	for (avl_table **tree : {&avl_username_tree, &avl_ip_tree, &avl_ip6_tree})
 		avl_destroy(std::exchange(*tree, nullptr), nullptr);
 	while (vek_listener *listener = vek_listener_list.front())
-		listener_forget(listener->fd);
+		listener_forget(listener->sock);
 	vek_fini_event();
 	userdb_exit();
 	shmdt(uconf);
@@ -168,15 +168,14 @@ void client::say(const void *data, std::size_t size)
 
 void client::serve()
 {
-	char next;
-	while (vek_socket *daemon = sock()) {
+	while (sock() != nullptr) {
 		while (receive())
 			;
-		if (recv(daemon->fd, &next, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN)
-			return;
 		vek_begin_pass();
-		if ((daemon = sock()) != nullptr)
-			vek_sock_event_read(daemon->fd, daemon);
+		vek_sock_event_limit_wait(0);
+		vek_sock_event_loop(&vek_skevent);
+		if (vek_sock_event_was_idle())
+			return;
 	}
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "daemon.h"
+#include "deferred_logout.h"
 #include "endpoint.h"
 #include "fake_platform.h"
 #include "invariants.h"

@@ -25,7 +25,7 @@ struct fake_platform {
 	user_profile_t profile{};
 	std::string mac = "02:00:00:00:00:01";
 	std::vector<std::string> station_macs, station_times; // lines of the station database's two listings
-	bool tools_are_slow = false;
+	int tool_ms = 0;                     // that each tool takes
 	int child_status = 0;                // of what is run, and not read through a pipe
 	int failing_pipe = -1;               // the n-th vek_pipe::start from now on fails
 	std::time_t wall_clock = 1700000000; // what time() says

@@ -64,7 +64,7 @@ TEST(Fault, SubscriptionsAndRoamingHappenOrDoNot)
 		    EXPECT_EQ(failed, result == VEK_STOP_DISPATCH);
 		    EXPECT_EQ(failed, vek_listener_list.empty());
 	    });
-	listener_forget(subscriber.sock()->fd);
+	listener_forget(subscriber.sock());
 
 	const auto prepare = [] {
 		end_all();
@@ -140,7 +140,7 @@ TEST(Fault, AClientIsServedOrLosesItsConnection)
 						 make_event(VEK_EVENT_USER_LOGOUT_REVOCABLE, ALICE));
 		passes();
 		heal();
-		vek_resume_accept();
+		vek_tick_endpoints();
 		close(other);
 		close(service);
 		passes();

@@ -113,7 +113,7 @@ void agree()
 	const auto key = [](const rb_node_t *node) { return atoi(node->user_info->auth_time); };
 	for (rb_node_t *node = rb_first(rb_root); node != nullptr; last = node, node = rb_next(node)) {
 		require(last == nullptr || key(last) <= key(node), "station tree", "order");
-		require(node->session != nullptr && node->session->station == node, "station tree",
+		require(node->holder != nullptr && *node->holder == node, "station tree",
 			"sessions");
 		++stations;
 	}
