@@ -37,7 +37,7 @@ struct vek_socket {
 	std::uint32_t room;          // kernel memory that its send buffer may take, 0 before that is asked
 	std::uint32_t unread;        // at most this much of it is taken by what the client has not read
 	std::uint32_t unread_before; // as it was found when the client was last looked at
-	std::int64_t progress_ms;    // when a subscriber that is behind was last seen to read
+	std::int64_t progress_ms;    // when a subscriber that is far behind was last seen to read; 0 otherwise
 
 	void (*on_close)(vek_socket *sock); // called before the connection goes; null when nobody cares
 };

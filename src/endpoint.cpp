@@ -218,23 +218,48 @@ void mark_reports()
 			socks[i]->before_tick = ready[i].revents != 0;
 }
 
+// Nobody hears of the end of a connection that is not read from. Those that have ended wait no longer.
+void end_those_gone()
+{
+	pollfd gone[VEK_MAX_FILES];
+	vek_socket *socks[VEK_MAX_FILES];
+	nfds_t count = 0;
+	for (vek_socket *sock : vek_socket_list)
+		if (sock->waits != vek_waits::for_nothing) {
+			socks[count] = sock;
+			gone[count++] = {sock->fd, 0, 0};
+		}
+	some_wait = count > 0;
+	if (count == 0 || poll(gone, count, 0) <= 0)
+		return;
+	for (nfds_t i = 0; i < count; i++)
+		if (gone[i].revents != 0) {
+			stream_shut_down(socks[i], "is gone");
+			watch(socks[i], vek_waits::for_nothing);
+		}
+}
+
 // Serves those whose waiting is over, the longest waiting first.
 void serve_waiting()
 {
-	some_wait = false;
-	for (vek_socket *sock : vek_socket_list) {
-		if (sock->shut_down && sock->waits != vek_waits::for_nothing)
-			watch(sock, vek_waits::for_nothing);
-		some_wait |= sock->waits != vek_waits::for_nothing;
+	end_those_gone();
+	while (vek_socket *sock = longest_waiting(vek_waits::for_a_buffer)) {
+		if (why_to_wait(sock) == vek_waits::for_a_buffer)
+			break;
+		serve(sock);
 	}
-	for (const vek_waits what : {vek_waits::for_a_buffer, vek_waits::for_its_turn})
-		while (vek_socket *sock = longest_waiting(what)) {
-			if (why_to_wait(sock) == what)
-				break;
-			serve(sock);
-		}
-	if (longest_waiting(vek_waits::for_its_turn) != nullptr)
-		vek_sock_event_limit_wait(static_cast<int>(fairness_hold_left_ms()));
+	if (const std::int64_t left = fairness_hold_left_ms(); left > 0)
+		return vek_sock_event_limit_wait(static_cast<int>(left));
+	// All that have waited for subscribers have their turn, whatever the first of them leads to.
+	const std::uint64_t now = fairness_stamp();
+	vek_socket *sock;
+	while ((sock = longest_waiting(vek_waits::for_its_turn)) != nullptr && sock->waits_since < now &&
+	       !fairness_holds_tools(sock)) {
+		watch(sock, vek_waits::for_nothing);
+		handle_record(sock);
+	}
+	if (sock != nullptr)
+		vek_sock_event_limit_wait(0);
 }
 
 // ---- accepting ----
@@ -323,10 +348,12 @@ bool accept_client(int listening_fd, std::uint8_t type)
 	return true;
 }
 
-// Until nobody waits: a crowd must not keep services out. The limit is for a crowd that comes as fast.
+// Until nobody waits: a crowd must not keep services out. The limit is for a crowd that comes as fast, and whose
+// connections would take all places before the end of any is read.
 void accept_queue(int listening_fd, std::uint8_t type)
 {
-	for (int i = 0; i < VEK_MAX_FILES && accept_client(listening_fd, type); i++)
+	constexpr int AT_ONCE = 32;
+	for (int i = 0; i < AT_ONCE && accept_client(listening_fd, type); i++)
 		;
 }
 

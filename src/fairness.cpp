@@ -15,16 +15,18 @@ namespace {
 struct limits {
 	int deep_buffers;      // on loan at a time, 2.5 MiB of kernel memory each
 	int subscriptions;     // in all
-	int share_of_patience; // a client is waited for, for one in so many parts of what the pass has left
+	int share_of_patience; // a client is waited for no longer than one in so many parts of what the pass has left
 	std::int64_t tools_ms; // that tools may have taken in a pass before what a report asks for is deferred
 };
 constexpr limits PRIVILEGED{32, 256, 1, 250}, UNPRIVILEGED{8, 128, 2, 20};
 
 constexpr std::int64_t PATIENCE_MS = 500;     // of a pass, for all clients
+constexpr std::int64_t READING_MS = 20;       // enough for a client that is reading at this moment
 constexpr std::int64_t TURN_MS = 100;         // of deferred work, until the next client is looked at
 constexpr std::int64_t REST_PER_TOOL_TIME = 3; // so that tools take a quarter of the time when others want it
+constexpr std::int64_t LONGEST_REST_MS = 300; // a tool that hung is left alone for longer anyway
 constexpr std::int64_t HOLD_MS = 40;          // reports, before the subscriber that is behind is looked at again
-constexpr std::int64_t STALLED_MS = 50;       // a subscriber that has read nothing for so long holds nobody
+constexpr std::int64_t STALLED_MS = 250;      // a subscriber that has read nothing for so long holds nobody
 
 const limits &limits_of(const vek_socket *sock)
 {
@@ -89,7 +91,8 @@ void fairness_begin_pass()
 	patience_left_ms = PATIENCE_MS;
 	const std::int64_t tools_ms = vek_children_took_ms();
 	if (tools_ms > tools_at_pass_ms)
-		tools_rest_until_ms = monotonic_ms() + (tools_ms - tools_at_pass_ms) * REST_PER_TOOL_TIME;
+		tools_rest_until_ms = monotonic_ms() + std::min(LONGEST_REST_MS,
+								(tools_ms - tools_at_pass_ms) * REST_PER_TOOL_TIME);
 	tools_at_pass_ms = tools_ms;
 }
 
@@ -120,16 +123,20 @@ void fairness_end_stalled_loans()
 	for (vek_socket *sock : vek_socket_list) {
 		if (!sock->deep)
 			continue;
-		const std::uint32_t unread = stream_ask_unread(sock);
-		if (unread == sock->unread_before && somebody_waits_for_loan_of(sock))
+		const bool is_read = stream_is_read(sock);
+		if (!is_read && sock->unread == sock->unread_before && somebody_waits_for_loan_of(sock))
 			stream_shut_down(sock, "did not read what it asked for");
-		sock->unread_before = unread;
+		sock->unread_before = sock->unread;
 	}
 }
 
 std::int64_t fairness_patience_ms(const vek_socket *sock)
 {
-	return patience_left_ms / limits_of(sock).share_of_patience;
+	const std::int64_t share_ms = patience_left_ms / limits_of(sock).share_of_patience;
+	if (!stream_gives_deep_buffers())
+		return share_ms;
+	// A client that has filled a deep buffer has had its chance, and so has one for which there was none.
+	return std::min(share_ms, READING_MS);
 }
 
 void fairness_waited(std::int64_t ms) { patience_left_ms = std::max<std::int64_t>(0, patience_left_ms - ms); }
@@ -153,14 +160,19 @@ bool fairness_may_subscribe(const vek_socket *sock)
 	return true;
 }
 
-void fairness_note_behind(vek_socket *sock)
+void fairness_note_behind(vek_socket *sock, bool is_behind)
 {
 	if (!fairness_is_privileged(sock))
 		return;
-	const std::int64_t now = monotonic_ms();
-	if (sock->unread < sock->unread_before || sock->progress_ms == 0)
-		sock->progress_ms = now;
+	// It has read, however much has come since.
+	if (!is_behind || sock->unread < sock->unread_before)
+		sock->progress_ms = 0;
 	sock->unread_before = sock->unread;
+	if (!is_behind)
+		return;
+	const std::int64_t now = monotonic_ms();
+	if (sock->progress_ms == 0)
+		sock->progress_ms = now;
 	if (now - sock->progress_ms < STALLED_MS)
 		hold_until_ms = now + HOLD_MS;
 }
@@ -205,8 +217,6 @@ bool fairness_turn_is_over() { return vek_children_took_ms() - tools_at_turn_ms 
 
 vek_socket *fairness_to_displace(const vek_socket *newcomer)
 {
-	if (!fairness_is_privileged(newcomer))
-		return nullptr;
 	vek_socket *chosen = nullptr;
 	int chosen_crowd = 0;
 	for (vek_socket *sock : vek_socket_list) {
@@ -223,5 +233,6 @@ vek_socket *fairness_to_displace(const vek_socket *newcomer)
 			chosen_crowd = crowd;
 		}
 	}
-	return chosen;
+	const bool is_less = fairness_is_privileged(newcomer) || connections_of(newcomer->uid) + 1 < chosen_crowd;
+	return is_less ? chosen : nullptr;
 }

@@ -33,7 +33,7 @@ void fairness_end_stalled_loans();
 
 // ---- waiting for a client: the last resort, where there is no deep buffer ----
 
-// How long the daemon may now wait for this client, and that it did.
+// How long the daemon may now wait for this client to read, and that it did.
 std::int64_t fairness_patience_ms(const vek_socket *sock);
 void fairness_waited(std::int64_t ms);
 
@@ -43,9 +43,9 @@ void fairness_waited(std::int64_t ms);
 // those of one connection; when there is no room, the connection with the most of them is shut down.
 bool fairness_may_subscribe(const vek_socket *sock);
 
-// Says that a subscriber has more than half a deep buffer to read. Reports of unprivileged clients are held for a
+// Says whether a subscriber has more than half a deep buffer to read. Reports of unprivileged clients are held for a
 // moment while a privileged subscriber that reads is so far behind; a subscriber that reads nothing holds nobody.
-void fairness_note_behind(vek_socket *sock);
+void fairness_note_behind(vek_socket *sock, bool is_behind);
 
 // Must a report of this connection wait: for such a subscriber, or because what other unprivileged clients reported
 // in this pass has run tools for long enough?
@@ -68,8 +68,9 @@ bool fairness_turn_is_over();
 
 // ---- places ----
 
-// The connection whose place a privileged newcomer gets: of the unprivileged user with the most connections, one
-// that does not subscribe before one that does, the longest silent first. Null when there is none.
+// The connection whose place a newcomer gets when all are taken: of the unprivileged user with the most connections,
+// one that does not subscribe before one that does, the longest silent first. Null when there is none, or when the
+// newcomer is unprivileged and its own user has as many.
 vek_socket *fairness_to_displace(const vek_socket *newcomer);
 
 #endif

@@ -25,9 +25,8 @@ namespace {
 // Takes the answer to everything, or a copy for the end of each session, from a client that reads nothing
 // meanwhile.
 constexpr int DEEP_BUFFER = 1280 * 1024;
-constexpr std::int64_t FULL_PATIENCE_MS = 20; // with a client whose deep buffer is full
-constexpr std::int64_t PATIENCE_MS = 500;     // with one that has none, if the pass has as much left
-std::uint32_t usual_room; // of a send buffer that nobody changed
+std::uint32_t usual_room;     // of a send buffer that nobody changed
+bool gives_deep_buffers = true; // the system does, as far as is known
 
 std::uint32_t ask_room(int fd)
 {
@@ -86,12 +85,12 @@ class last_resort {
 public:
 	explicit last_resort(const vek_socket *sock) : sock_(sock) {}
 
-	// Waits until the socket takes bytes again, for at most so long. Whether it does.
-	bool wait(std::int64_t limit_ms)
+	// Waits until the socket takes bytes again. Whether it does.
+	bool wait()
 	{
 		const std::int64_t start = monotonic_ms();
 		if (deadline_ < 0)
-			deadline_ = start + std::min(limit_ms, fairness_patience_ms(sock_));
+			deadline_ = start + fairness_patience_ms(sock_);
 		bool ready = false;
 		std::int64_t now = start;
 		while (!ready && now < deadline_) {
@@ -118,11 +117,9 @@ bool make_room(vek_socket *sock, int reason, last_resort &resort)
 		return true;
 	if (reason != EAGAIN && reason != ENOBUFS)
 		return false;
-	// A client that has filled a deep buffer has had its chance, unless it is reading at this moment. Without
-	// memory for it (ENOBUFS) there is room at once, and the next try is as slow as it likes; so it is the
-	// clock that ends this.
-	const bool full = sock->deep && sock->room >= 2 * DEEP_BUFFER;
-	return resort.wait(full ? FULL_PATIENCE_MS : PATIENCE_MS);
+	// Without memory for it (ENOBUFS) there is room at once, and the next try is as slow as it likes; so it is
+	// the clock that ends this.
+	return resort.wait();
 }
 
 // ---- descriptors that clients pass ----
@@ -241,7 +238,11 @@ void stream_set_depth(vek_socket *sock, bool deep)
 	if (setsockopt(sock->fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof(size)) < 0)
 		setsockopt(sock->fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size));
 	sock->room = ask_room(sock->fd);
+	if (deep)
+		gives_deep_buffers = sock->room >= 2 * DEEP_BUFFER;
 }
+
+bool stream_gives_deep_buffers() { return gives_deep_buffers; }
 
 ssize_t vek_write_client(vek_socket *sock, std::span<iovec> parts)
 {
@@ -266,9 +267,9 @@ ssize_t vek_write_client(vek_socket *sock, std::span<iovec> parts)
 		sock->unread += taken_by(static_cast<std::size_t>(sent));
 		parts = without_first(parts, static_cast<std::size_t>(sent));
 	}
-	if (sock->deep && sock->subscriptions > 0 && sock->unread > sock->room / 2 &&
-	    stream_ask_unread(sock) > sock->room / 2)
-		fairness_note_behind(sock);
+	const std::uint32_t half = sock->room / 2;
+	if (sock->deep && sock->subscriptions > 0 && sock->unread > half)
+		fairness_note_behind(sock, stream_ask_unread(sock) > half);
 	return total;
 }
 

@@ -40,6 +40,9 @@ std::uint32_t stream_ask_unread(vek_socket *sock);
 // Makes the send buffer deep, or what it is by default.
 void stream_set_depth(vek_socket *sock, bool deep);
 
+// Does the system make send buffers as deep as they should be?
+bool stream_gives_deep_buffers();
+
 // Writes all of `parts` (records that live until it returns; the array is used up). The byte count; or -1 with
 // errno, the connection then being shut down.
 ssize_t vek_write_client(vek_socket *sock, std::span<iovec> parts);

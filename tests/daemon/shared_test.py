@@ -70,9 +70,8 @@ class Shared(OnDevice):
         """When they are ended, which may be a while after they were found, with another process of that id then."""
         stand_in("/util/suexec", f"echo $2 >>{SCRATCH}commands; sleep 0.3; until [ -e {SCRATCH}go$2 ]; do sleep 0.01; done\n")
         self.start()
-        os.seteuid(NOBODY)
-        his, (table, lock) = [self.process() for _ in range(3)], self.ftp_clients()
-        os.seteuid(0)
+        with acting_as(NOBODY):
+            his, (table, lock) = [self.process() for _ in range(3)], self.ftp_clients()
         LIBC.semctl(lock, 0, SETVAL, 1)
         pids = [os.getpid(), *(process.pid for process in his)]
         table.size = len(pids)
