@@ -9,8 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -22,7 +24,6 @@ namespace {
 enum class connection : std::uint8_t { notify, request, subscribed, unusable };
 
 constexpr int most_early_copies = 4 * VEK_MAX_USERS; // before a subscription is confirmed
-constexpr int backlog_pause_ms = 5; // between two attempts while the daemon's queue of connections is full
 
 } // namespace
 
@@ -30,8 +31,12 @@ struct vek_client {
 	int fd;
 	int timeout_ms;
 	connection kind;
-	std::size_t copied;      // bytes of the copy that has begun to arrive
-	struct vek_event copy;   // of a subscription
+	bool awaiting;       // the status of what was sent
+	std::size_t arrived; // bytes of the record that has begun to arrive
+	union {
+		struct vek_event copy; // of a subscription
+		struct vek_response response;
+	};
 	struct vek_event *early; // copies that came before the subscription was confirmed, `pending` of them
 	int pending;
 };
@@ -65,17 +70,23 @@ public:
 		return left <= 0 ? 0 : left > INT_MAX ? INT_MAX : static_cast<int>(left);
 	}
 
-	// Waits for `events` on the descriptor (negative: for `at_most_ms` alone). 0 or -1 with errno.
-	int wait(int fd, short events, int at_most_ms = -1) const
+	// As SO_SNDTIMEO takes it, where 0 would be no limit.
+	struct timeval remaining_time() const
+	{
+		const int left = remaining();
+		return left < 0 ? timeval{} : timeval{left / 1000, left == 0 ? 1 : left % 1000 * 1000};
+	}
+
+	// Waits for `events` on the descriptor. 0 or -1 with errno.
+	int wait(int fd, short events) const
 	{
 		for (;;) {
 			const int left = remaining();
 			if (left == 0)
 				return failed(ETIMEDOUT);
-			const bool shorter = at_most_ms >= 0 && (left < 0 || at_most_ms < left);
 			struct pollfd ready = {fd, events, 0};
-			const int found = poll(&ready, 1, shorter ? at_most_ms : left);
-			if (found > 0 || (found == 0 && shorter))
+			const int found = poll(&ready, 1, left);
+			if (found > 0)
 				return 0;
 			if (found < 0 && errno != EINTR)
 				return -1;
@@ -123,23 +134,34 @@ int receive(int fd, void *into, std::size_t size, const deadline &end)
 	return receive(fd, into, size, have, end);
 }
 
-int connect_to(const char *path, const deadline &end)
+// While the daemon's queue of connections is full, the kernel lets those in who wait in connect, one after
+// the other. Whoever tried again now and then would find the place taken each time.
+bool joined(int fd, const char *path, const deadline &end)
 {
-	const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-	if (fd < 0)
-		return -1;
 	struct sockaddr_un address = {};
 	address.sun_family = AF_UNIX;
 	std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
-	while (connect(fd, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) < 0) {
-		// A full queue shows as EAGAIN, and nothing can be polled for its having room again.
-		if (errno == EINTR || (errno == EAGAIN && end.wait(-1, 0, backlog_pause_ms) == 0))
-			continue;
-		const int error = errno;
-		close(fd);
-		return failed(error);
+	for (;;) {
+		const struct timeval limit = end.remaining_time();
+		if (setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit)) < 0)
+			return false;
+		if (connect(fd, reinterpret_cast<const struct sockaddr *>(&address), sizeof(address)) == 0)
+			return fcntl(fd, F_SETFL, O_NONBLOCK) == 0;
+		if (errno == EAGAIN)
+			errno = ETIMEDOUT;
+		if (errno != EINTR)
+			return false;
 	}
-	return fd;
+}
+
+int connect_to(const char *path, const deadline &end)
+{
+	const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+	if (fd < 0 || joined(fd, path, end))
+		return fd;
+	const int error = errno;
+	close(fd);
+	return failed(error);
 }
 
 struct vek_client *open_at(const char *path, connection kind, int timeout_ms)
@@ -307,6 +329,19 @@ int end_session(const struct user_info *session, void *arg)
 	return 0;
 }
 
+// The status of what was sent. What has arrived of it when the time is up stays for the next call.
+int take_status(struct vek_client *client, const deadline &end)
+{
+	if (!is(client, connection::notify))
+		return -1;
+	if (receive(client->fd, &client->response, sizeof(client->response), client->arrived, end) < 0)
+		return errno == ETIMEDOUT ? -1 : give_up(client);
+	client->awaiting = false;
+	client->arrived = 0;
+	const int code = client->response.code;
+	return code == VEK_RESPONSE_SUCCESS || code == VEK_RESPONSE_FAIL ? code : give_up(client, EPROTO);
+}
+
 bool keep_early(struct vek_client *client, const struct vek_event &record)
 {
 	const std::size_t size = (static_cast<std::size_t>(client->pending) + 1) * sizeof(record);
@@ -343,22 +378,48 @@ int vek_client_fd(const struct vek_client *client) { return client->fd; }
 
 void vek_client_set_timeout(struct vek_client *client, int timeout_ms) { client->timeout_ms = timeout_ms; }
 
+int vek_client_send(struct vek_client *client, const struct vek_event *event)
+{
+	if (!is(client, connection::notify))
+		return -1;
+	if (client->awaiting)
+		return failed(EBUSY);
+	if (event == nullptr || !vek_event_is_reported(event->event))
+		return failed(EINVAL);
+	struct vek_event record = *event;
+	cut_text<vek_event_fields>(&record);
+	// There is room for it: the daemon has read what was sent before, or there would be no status of it.
+	if (send_record(client->fd, &record, sizeof(record), deadline(0)) < 0)
+		return give_up(client);
+	client->awaiting = true;
+	return 0;
+}
+
+int vek_client_answer(struct vek_client *client)
+{
+	if (is(client, connection::notify) && !client->awaiting)
+		return failed(EINVAL);
+	const int status = take_status(client, deadline(0));
+	return status < 0 && errno == ETIMEDOUT ? failed(EAGAIN) : status;
+}
+
+int vek_client_report_raw(struct vek_client *client, const struct vek_event *event)
+{
+	const deadline end(client != nullptr ? client->timeout_ms : 0);
+	if (vek_client_send(client, event) < 0)
+		return -1;
+	const int status = take_status(client, end);
+	return status < 0 ? give_up(client) : status;
+}
+
 int vek_client_report(struct vek_client *client, const struct vek_event *event)
 {
 	if (!is(client, connection::notify))
 		return -1;
-	if (event == nullptr || !vek_event_is_reported(event->event))
-		return failed(EINVAL);
-	const deadline end(client->timeout_ms);
-	struct vek_event record = *event;
-	cut_text<vek_event_fields>(&record);
-	struct vek_response response;
-	if (send_record(client->fd, &record, sizeof(record), end) < 0 ||
-	    receive(client->fd, &response, sizeof(response), end) < 0)
-		return give_up(client);
-	if (response.code != VEK_RESPONSE_SUCCESS && response.code != VEK_RESPONSE_FAIL)
-		return give_up(client, EPROTO);
-	return response.code;
+	const bool is_login = event != nullptr && (event->event == VEK_EVENT_USER_LOGIN ||
+						   event->event == VEK_EVENT_USER_SOCIAL_LOGIN_STAGE1);
+	return is_login && *event->real_username == '\0' ? failed(EINVAL)
+							 : vek_client_report_raw(client, event);
 }
 
 int vek_client_query_name(struct vek_client *client, const char *username, vek_client_session_fn *each,
@@ -458,10 +519,10 @@ int vek_client_next(struct vek_client *client, struct vek_event *event)
 			     static_cast<std::size_t>(client->pending) * sizeof(*event));
 	} else {
 		// A copy that had begun to arrive when the time was up goes on where it stopped.
-		if (receive(client->fd, &client->copy, sizeof(client->copy), client->copied,
+		if (receive(client->fd, &client->copy, sizeof(client->copy), client->arrived,
 			    deadline(client->timeout_ms)) < 0)
 			return errno == ETIMEDOUT ? -1 : give_up(client);
-		client->copied = 0;
+		client->arrived = 0;
 		*event = client->copy;
 	}
 	cut_text<vek_event_fields>(event);

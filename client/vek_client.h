@@ -10,8 +10,18 @@
  * more use, since an answer may still be under way: close it; further calls give ENOTCONN. EINVAL is a wrong
  * argument or a connection of the other kind, and changes nothing. No call raises SIGPIPE.
  *
- * Records are those of vek.h: zero them, fill in what you know; text is cut to its field. The account that a
- * session is found by later is `real_username` of its login; `username` is the name it is shown with.
+ * Records are those of vek.h: zero them, fill in what you know; text is cut to its field. Of the two names in a
+ * login, `real_username` is the account, by which the session is found from then on; `username` is the name that the
+ * user typed, and is only shown. A logout names the account too, but in its `username`. They differ where a user
+ * has an alias: login {username = "al@corp", real_username = "alice"}, logout {username = "alice"}. Where there is
+ * no such thing, put the name into both.
+ *
+ * vekd keeps its table in memory: when it ends, every session is gone, without a logout, and so are logouts that
+ * waited to be revoked. A service notices at its next call (ECONNRESET) or when the descriptor becomes readable:
+ * it opens a new connection as soon as it can and reports the logins of its users again. One that itself starts
+ * again calls vek_client_end_service first.
+ *
+ * Every program on the device may report whatever it likes; vekd does not ask who it is.
  */
 #ifndef VEK_CLIENT_H
 #define VEK_CLIENT_H
@@ -35,16 +45,34 @@ VEK_CLIENT_API struct vek_client *vek_client_open_request(int timeout_ms);
 /* Null is fine. */
 VEK_CLIENT_API void vek_client_close(struct vek_client *client);
 
-/* The descriptor, to wait for copies with poll; it stays the connection's. */
+/* The descriptor, to wait with poll until there is something to read; it stays the connection's. It is non-blocking
+ * and closed on exec, and nobody but the library reads from it or writes to it. */
 VEK_CLIENT_API int vek_client_fd(const struct vek_client *client);
 
 /* Milliseconds that each later call may take; negative: no limit. */
 VEK_CLIENT_API void vek_client_set_timeout(struct vek_client *client, int timeout_ms);
 
 /* Reports one event on a notify connection and reads the daemon's status: VEK_RESPONSE_SUCCESS,
- * VEK_RESPONSE_FAIL (nobody matched, no room, or a web logout, a first stage or a revocable logout, which
- * are always answered so), or -1. EINVAL: a number that the daemon does not answer; nothing was sent. */
+ * VEK_RESPONSE_FAIL (nobody matched, no room, an unknown type, or a web logout, a first stage, a revocable logout or
+ * its revocation, which are always answered so), or -1. EINVAL: a number that the daemon does not answer, or a login
+ * with an empty account, whose session no name would find; nothing was sent.
+ *
+ * A logout ends every session that has all the keys that it gives: service, username, unique and the address.
+ * One without any ends everybody's. A revocable logout (VEK_EVENT_USER_LOGOUT_REVOCABLE) is carried out when it
+ * is older than VEK_DEFAULT_LOGOUT_DEFER_TIME seconds, or what the device has set instead; until then
+ * VEK_EVENT_USER_LOGOUT_REVOKE with the same service, username, unique and ip takes it back. */
 VEK_CLIENT_API int vek_client_report(struct vek_client *client, const struct vek_event *event);
+
+/* The same for any record, a login without an account too. */
+VEK_CLIENT_API int vek_client_report_raw(struct vek_client *client, const struct vek_event *event);
+
+/* The two halves of vek_client_report_raw, for an event loop. vek_client_send does not wait: 0, or -1 (EBUSY: the
+ * status of the event before was not taken yet, nothing was sent). When the descriptor has become readable,
+ * vek_client_answer takes the status without waiting: as above, or -1 (EAGAIN: not all of it is there yet, wait
+ * again; EINVAL: nothing was sent). How long to wait is the loop's own to decide; whoever gives up closes the
+ * connection. Only opening a connection may wait, for at most its time-out. */
+VEK_CLIENT_API int vek_client_send(struct vek_client *client, const struct vek_event *event);
+VEK_CLIENT_API int vek_client_answer(struct vek_client *client);
 
 /* One session of an answer. Not 0 ends the query's callbacks; the rest of the answer is still read. The
  * record is the library's and lives until the callback returns. The connection must not be used in it. */
@@ -72,9 +100,11 @@ VEK_CLIENT_API int vek_client_fetch_name(struct vek_client *client, const char *
 /* The number of sessions, or -1. */
 VEK_CLIENT_API int vek_client_count(struct vek_client *client);
 
-/* Makes a request connection a subscription: 0 when the daemon has taken it, so that whatever is reported from
- * now on is copied; or -1. From then on only vek_client_next, vek_client_pending, vek_client_fd,
- * vek_client_set_timeout and vek_client_close are for it. */
+/* Makes a request connection a subscription: 0 when the daemon has taken it, or -1. On return it is in force:
+ * whatever is reported from now on is copied. (The daemon does not answer a subscription; the library asks for the
+ * count behind it and waits for that answer.) Subscribe first, then list on another connection, or what happens
+ * in between is missed; a session that begins in between is in both. From then on only vek_client_next,
+ * vek_client_pending, vek_client_fd, vek_client_set_timeout and vek_client_close are for this connection. */
 VEK_CLIENT_API int vek_client_subscribe(struct vek_client *client);
 
 /* Copies that are here already. Take them with vek_client_next before waiting on the descriptor. */

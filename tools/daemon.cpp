@@ -65,6 +65,8 @@ std::uint64_t uptime_now()
 	return static_cast<std::uint64_t>(now.tv_sec);
 }
 
+times settings::when() const { return {uptime_now(), std::time(nullptr), absolute}; }
+
 int daemon_pid()
 {
 	std::string text;
@@ -78,8 +80,8 @@ int daemon_pid()
 	std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/comm"), name);
 	if (name != "vekd")
 		throw failure{status_no_daemon,
-			      "vekd is not running: the process that " VEK_PID_FILE " names is not vekd"};
-	signal_daemon(pid, 0);
+			      "vekd is not running: the process that " VEK_PID_FILE " names is not "
+			      "vekd (no vekd starts before the file is removed)"};
 	return pid;
 }
 

@@ -4,10 +4,11 @@
 #ifndef VEKCTL_EVENTS_H
 #define VEKCTL_EVENTS_H
 
+#include <initializer_list>
 #include <set>
 #include <string>
 
-#include "fields.h"
+#include "vekctl.h"
 
 struct draft {
 	vek_event record = {};
@@ -19,11 +20,12 @@ struct draft {
 
 using draft_run = std::function<void(draft &)>;
 
-// A command with an option for every field of the record that a client fills in.
+// A command with options for so many fields of the record, or for every one that a client fills in.
 std::pair<CLI::App *, std::shared_ptr<draft>>
 add_event_command(CLI::App &parent, settings &set, const std::string &name, const std::string &description,
-		  const std::string &example, const draft_run &run);
-void add_all_option(CLI::App *command, draft &event);
+		  const std::string &example, const draft_run &run,
+		  std::initializer_list<std::string_view> fields = {});
+void add_all_option(CLI::App *command, bool &all);
 
 // Fails when none of the search keys is given, unless the event is meant for everybody.
 void require_key(const draft &event);
@@ -37,9 +39,5 @@ int report(vek_client *notify, const vek_event &event);
 // Reports the event, prints what there is to say about it in JSON, and fails with `refusal` on status 1
 // unless it is one of the events that are always answered so.
 void report_one(const settings &set, vek_event &event, int number, const std::string &refusal);
-
-// "alice (ssh, admin) from 192.0.2.7"
-std::string describe(const std::string &username, const std::string &service, unsigned type,
-		     const std::string &address);
 
 #endif

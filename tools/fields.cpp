@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
+#include <cctype>
 #include <charconv>
 #include <cstring>
 
@@ -103,7 +104,7 @@ std::uint64_t number_of(const vek_field &field, const void *record)
 	}
 }
 
-std::string display(const vek_field &field, const void *record, std::uint64_t uptime)
+std::string display(const vek_field &field, const void *record, const times &when)
 {
 	const std::string_view name = field.name;
 	switch (field.kind) {
@@ -118,9 +119,9 @@ std::string display(const vek_field &field, const void *record, std::uint64_t up
 	if (name == "attribute")
 		return attribute_text(number);
 	if (name == "login_time")
-		return ago(number, uptime);
+		return when.since(number);
 	if (is_deadline(field))
-		return expires(number, uptime);
+		return when.until(number);
 	return field.kind == field_kind::i32 ? std::to_string(static_cast<std::int64_t>(number))
 					     : std::to_string(number);
 }
@@ -136,11 +137,18 @@ json field_json(const vek_field &field, const void *record)
 	}
 }
 
+void add_json(json &object, const vek_field &field, const void *record)
+{
+	object[field.name] = field_json(field, record);
+	if (std::string_view(field.name) == "type")
+		object["type_name"] = type_name(static_cast<unsigned>(number_of(field, record)));
+}
+
 json record_json(std::span<const vek_field> fields, const void *record)
 {
 	json object = json::object();
 	for (const vek_field &field : fields)
-		object[field.name] = field_json(field, record);
+		add_json(object, field, record);
 	return object;
 }
 
@@ -221,14 +229,36 @@ std::string event_name(int event)
 
 std::optional<int> event_number_of(const std::string &text)
 {
-	for (int event = 1; event < VEK_EVENT_LIMIT; event++)
-		if (text == event_names[event])
-			return event;
+	// The header's names too: with or without VEK_EVENT_, and with the word that says whom it is about.
+	std::string name = text;
+	std::transform(name.begin(), name.end(), name.begin(),
+		       [](unsigned char c) { return c == '_' ? '-' : std::tolower(c); });
+	if (name.starts_with("vek-event-"))
+		name.erase(0, 10);
+	std::string shorter = name;
+	for (const std::string_view word : {"user-", "app-"})
+		if (const std::size_t at = shorter.find(word); at != std::string::npos)
+			shorter.erase(at, word.size());
+	for (const std::string &wanted : {name, shorter})
+		for (int event = 1; event < VEK_EVENT_LIMIT; event++)
+			if (wanted == event_names[event])
+				return event;
 	const auto number = whole_number(text);
 	if (!number || *number <= 0 || *number >= VEK_EVENT_LIMIT)
 		return {};
 	return static_cast<int>(*number);
 }
+
+std::vector<std::string> reported_event_names()
+{
+	std::vector<std::string> names;
+	for (int event = 1; event < VEK_EVENT_LIMIT; event++)
+		if (vek_event_is_reported(event))
+			names.emplace_back(event_names[event]);
+	return names;
+}
+
+std::vector<std::string> all_type_names() { return {std::begin(type_names), std::end(type_names)}; }
 
 std::optional<long long> whole_number(std::string_view text)
 {
@@ -242,18 +272,6 @@ std::optional<long long> whole_number(std::string_view text)
 	if (digits.starts_with('-') || error != std::errc() || end != digits.data() + digits.size())
 		return {};
 	return negative ? -number : number;
-}
-
-std::string ago(std::uint64_t then, std::uint64_t uptime)
-{
-	return span_text(uptime > then ? uptime - then : 0) + " ago";
-}
-
-std::string expires(std::uint64_t deadline, std::uint64_t uptime)
-{
-	if (deadline == 0)
-		return "";
-	return deadline > uptime ? "expires in " + span_text(deadline - uptime) : "expires now";
 }
 
 std::string address_text(std::uint32_t ip)

@@ -17,9 +17,10 @@ const vek_field *find_field(std::span<const vek_field> fields, std::string_view 
 std::string_view text_of(const vek_field &field, const void *record);
 std::uint64_t number_of(const vek_field &field, const void *record); // a negative one as its 64-bit pattern
 
-// The value for people, escaped: "" for nothing, "ssh", "10.0.0.7", "admin", "12m ago", "expires in 48m".
-std::string display(const vek_field &field, const void *record, std::uint64_t uptime);
+// The value for people, escaped: "" for nothing, "ssh", "10.0.0.7", "admin", and a time as `when` has it.
+std::string display(const vek_field &field, const void *record, const times &when);
 json field_json(const vek_field &field, const void *record);
+void add_json(json &object, const vek_field &field, const void *record); // a type with its name
 json record_json(std::span<const vek_field> fields, const void *record);
 
 // Below, at or above 0 as the first record's value is less than, equal to or greater than the second's.
@@ -32,15 +33,13 @@ std::optional<std::string> set_field(const vek_field &field, void *record, const
 
 std::string type_name(unsigned type); // "admin"; the number where there is no word
 std::optional<unsigned> type_number(const std::string &text);
-std::string event_name(int event); // "login"
-std::optional<int> event_number_of(const std::string &text);
+std::string event_name(int event);                           // "login"
+std::optional<int> event_number_of(const std::string &text); // of a number too, and of the header's name
+std::vector<std::string> reported_event_names();
+std::vector<std::string> all_type_names();
 
 // Decimal or 0x; nothing else around it.
 std::optional<long long> whole_number(std::string_view text);
-
-// "12m ago" or "in 48m" of an uptime second.
-std::string ago(std::uint64_t then, std::uint64_t uptime);
-std::string expires(std::uint64_t deadline, std::uint64_t uptime);
 
 std::string address_text(std::uint32_t ip);
 std::string address_text(const in6_addr &ip6);

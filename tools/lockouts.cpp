@@ -2,9 +2,7 @@
 // or to clear records, never while something is printed.
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 
-#include "fields.h"
 #include "shared.h"
 
 namespace {
@@ -18,15 +16,6 @@ std::string username_of(const lockout_record &record)
 }
 
 template <class record> std::string address_of(const record &of) { return address_text(of.ip, of.ip6); }
-
-std::string clock_text(std::uint64_t then, std::uint64_t uptime)
-{
-	const std::time_t at = std::time(nullptr) + static_cast<std::time_t>(then - uptime);
-	char text[16] = "";
-	struct tm parts = {};
-	std::strftime(text, sizeof(text), "%H:%M:%S", localtime_r(&at, &parts));
-	return text;
-}
 
 std::unique_ptr<user_lock> copy_table(const settings &set)
 {
@@ -66,23 +55,40 @@ void show_lockouts(const settings &set)
 	const auto lock = copy_table(set);
 	if (set.json)
 		return print_lockouts_json(*lock);
-	const std::uint64_t uptime = uptime_now();
-	table lines({"WHAT", "USERNAME", "ADDRESS", "ATTEMPTS", "TIME"});
+	const times when = set.when();
+	table lines({{"WHAT", cutting::exact},
+		     {"USERNAME"},
+		     {"ADDRESS", cutting::address},
+		     {"ATTEMPTS", cutting::exact},
+		     {"TIME", cutting::exact}});
+	const std::string allowed = std::to_string(lock->attempt_count);
 	for (const lockout_record &record : lock->lockout_rec)
 		if (record.inuse)
 			lines.row({"locked", escaped(username_of(record)), address_of(record), "",
-				   record.time > uptime ? "until " + clock_text(record.time, uptime) + ", " +
-							      expires(record.time, uptime)
-							: "expires now"});
+				   "ends " + when.ahead(record.time)});
 	for (const attempt_record &record : lock->attempt_rec)
 		if (record.inuse)
-			lines.row(
-			    {"attempts", "", address_of(record),
-			     std::to_string(record.count) + " of " + std::to_string(lock->attempt_count),
-			     ago(record.time, uptime)});
-	lines.print(!set.no_header);
-	if (!lock->enable && !set.no_header)
-		put_line("lockout is not enabled: records do not age");
+			lines.row({"attempts", "", address_of(record),
+				   std::to_string(record.count) + " of " + allowed, when.ago(record.time)});
+	lines.print(set, set.no_header ? ""
+			 : lock->enable
+			     ? "enabled: " + allowed + " attempts, period " +
+				   std::to_string(lock->lockout_period) + "\n"
+			     : "not enabled: records do not age (see: vekctl lockouts enable --help)\n");
+}
+
+struct enable_options {
+	std::optional<int> attempts;
+	std::optional<std::uint32_t> period;
+};
+
+void enable_lockouts(const settings &set, bool enable, const enable_options &options)
+{
+	const shared_block<user_lock> block(USER_LOCK_IPC_KEY, table_name, true);
+	const shared_lock held(USER_LOCK_IPC_KEY, lock_name, set.timeout_ms());
+	block->enable = enable;
+	block->attempt_count = static_cast<char>(options.attempts.value_or(block->attempt_count));
+	block->lockout_period = options.period.value_or(block->lockout_period);
 }
 
 struct clear_options {
@@ -149,9 +155,9 @@ void clear_lockouts(const settings &set, const clear_options &options)
 
 void add_lockouts_command(CLI::App &app, settings &set)
 {
-	CLI::App *lockouts =
-	    add_command(app, set, "lockouts", "Who is locked out: show (as without) or clear",
-			"vekctl lockouts clear 192.0.2.7", [&set] { show_lockouts(set); });
+	CLI::App *lockouts = add_command(app, set, "lockouts",
+					 "Who is locked out: show (as without) or clear; enable or disable",
+					 "vekctl lockouts clear 192.0.2.7", [&set] { show_lockouts(set); });
 	lockouts->require_subcommand(0, 1);
 	add_command(*lockouts, set, "show", "Lockouts and failed attempts", "vekctl lockouts show --json",
 		    [&set] { show_lockouts(set); });
@@ -161,4 +167,15 @@ void add_lockouts_command(CLI::App &app, settings &set)
 			[&set, options] { clear_lockouts(set, *options); });
 	clear->add_option("whom", options->whom, "an address or a user's name");
 	clear->add_flag("--all", options->all, "every record");
+
+	auto limits = std::make_shared<enable_options>();
+	CLI::App *enable =
+	    add_command(*lockouts, set, "enable", "Let vekd forget records whose time has come",
+			"vekctl lockouts enable --attempts 3 --period 60",
+			[&set, limits] { enable_lockouts(set, true, *limits); });
+	enable->add_option("--attempts", limits->attempts, "failed attempts that programs are to allow")
+	    ->check(CLI::Range(1, 127));
+	enable->add_option("--period", limits->period, "how long programs are to lock out, in their unit");
+	add_command(*lockouts, set, "disable", "Keep every record until it is cleared",
+		    "vekctl lockouts disable", [&set] { enable_lockouts(set, false, {}); });
 }

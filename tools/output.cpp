@@ -1,11 +1,17 @@
 // output.cpp: tables, JSON and the escaping of text from records. Columns are those of the terminal: a wide
-// character takes two, an accent of its own none.
+// character takes two, an accent of its own none. A terminal without UTF-8 gets ASCII alone: there the bytes
+// of a longer character are characters of their own, some of which steer it.
 #include "output.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
+#include <langinfo.h>
 #include <numeric>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -64,17 +70,55 @@ std::size_t columns_of(std::string_view text)
 	return columns;
 }
 
-// Takes from the widest columns until the line fits or none is worth cutting.
-void shrink(std::vector<std::size_t> &widths, std::size_t room)
+// Sets the locale in which the width of characters is known, whichever the user's is.
+bool terminal_has_utf8()
 {
-	constexpr std::size_t least = 4;
+	static const bool has = [] {
+		std::setlocale(LC_CTYPE, "");
+		const bool utf8 = std::string_view(nl_langinfo(CODESET)) == "UTF-8";
+		std::setlocale(LC_CTYPE, "C.UTF-8");
+		return utf8 || !isatty(STDOUT_FILENO);
+	}();
+	return has;
+}
+
+// Takes from the widest column of those that may give, the last of several, until the line fits.
+void shrink(std::vector<std::size_t> &widths, const std::vector<heading> &columns, std::size_t room)
+{
+	struct step {
+		cutting gives;
+		std::size_t least;
+	};
+	constexpr step steps[] = {{cutting::key, 8},  {cutting::text, 12},    {cutting::address, 24},
+				  {cutting::text, 8}, {cutting::address, 15}, {cutting::key, 4},
+				  {cutting::text, 4}, {cutting::address, 4},  {cutting::exact, 4}};
 	std::size_t total = std::accumulate(widths.begin(), widths.end(), std::size_t{0});
-	for (; total > room; total--) {
-		const auto widest = std::max_element(widths.begin(), widths.end());
-		if (widest == widths.end() || *widest <= least)
-			return;
-		--*widest;
-	}
+	for (const auto &[gives, least] : steps)
+		for (; total > room; total--) {
+			std::size_t widest = widths.size();
+			for (std::size_t i = 0; i < widths.size(); i++)
+				if (columns[i].gives == gives && widths[i] > least &&
+				    (widest == widths.size() || widths[i] >= widths[widest]))
+					widest = i;
+			if (widest == widths.size())
+				break;
+			widths[widest]--;
+		}
+}
+
+// Whether the user's pager has shown the text. One that is not there has not.
+bool paged(const std::string &text)
+{
+	const char *pager = std::getenv("PAGER");
+	setenv("LESS", "FRSX", 0);
+	FILE *reader = popen(pager != nullptr ? pager : "less", "we");
+	if (reader == nullptr)
+		return false;
+	const auto interrupted = std::signal(SIGINT, SIG_IGN); // which is the pager's to obey
+	std::fwrite(text.data(), 1, text.size(), reader);
+	const int status = pclose(reader);
+	std::signal(SIGINT, interrupted);
+	return status != 127 << 8;
 }
 
 } // namespace
@@ -89,7 +133,7 @@ std::string escaped(std::string_view text)
 		const bool looks_escaped = text.substr(at, 2) == "\\x";
 		for (std::size_t i = at; i < at + next.bytes; i++) {
 			const auto byte = static_cast<unsigned char>(text[i]);
-			if (is_harmful(next.code) || looks_escaped)
+			if (is_harmful(next.code) || looks_escaped || (byte >= 0x80 && !terminal_has_utf8()))
 				out += {'\\', 'x', digits[byte >> 4], digits[byte & 15]};
 			else
 				out += text[i];
@@ -117,6 +161,63 @@ std::string span_text(std::uint64_t seconds)
 	return two(seconds / 86400, "d", seconds / 3600 % 24, "h");
 }
 
+std::string date_text(std::time_t at, const char *format)
+{
+	char text[64] = "";
+	struct tm parts = {};
+	std::strftime(text, sizeof(text), format, localtime_r(&at, &parts));
+	return text;
+}
+
+std::string rfc3339(std::time_t at) { return date_text(at, "%Y-%m-%dT%H:%M:%S%z").insert(22, ":"); }
+
+std::string times::since(std::uint64_t then) const
+{
+	if (absolute)
+		return date_text(now - static_cast<std::time_t>(uptime - then));
+	return span_text(uptime > then ? uptime - then : 0);
+}
+
+std::string times::until(std::uint64_t deadline) const
+{
+	if (deadline == 0)
+		return "";
+	if (absolute)
+		return date_text(now + static_cast<std::time_t>(deadline - uptime));
+	return deadline > uptime ? span_text(deadline - uptime) : "now";
+}
+
+std::string times::ago(std::uint64_t then) const { return since(then) + (absolute ? "" : " ago"); }
+
+std::string times::ahead(std::uint64_t deadline) const
+{
+	return (absolute || deadline <= uptime ? "" : "in ") + until(deadline);
+}
+
+// By the number of letters to change, add or leave out, at most a third of them.
+std::string did_you_mean(std::string_view word, const std::vector<std::string> &known)
+{
+	std::size_t least = word.size() / 3 + 2;
+	std::string nearest;
+	for (const std::string &candidate : known) {
+		std::vector<std::size_t> row(candidate.size() + 1);
+		std::iota(row.begin(), row.end(), std::size_t{0});
+		for (std::size_t i = 0; i < word.size(); i++) {
+			std::size_t corner = std::exchange(row[0], i + 1);
+			for (std::size_t j = 0; j < candidate.size(); j++) {
+				const std::size_t changed = corner + (word[i] != candidate[j]);
+				corner = row[j + 1];
+				row[j + 1] = std::min({changed, row[j] + 1, row[j + 1] + 1});
+			}
+		}
+		if (row.back() < least) {
+			least = row.back();
+			nearest = candidate;
+		}
+	}
+	return nearest.empty() ? "" : " (did you mean " + nearest + "?)";
+}
+
 void put(std::string_view text)
 {
 	while (!text.empty()) {
@@ -139,19 +240,22 @@ void put_line(std::string_view text) { put(std::string(text) + "\n"); }
 
 void put_json(const json &value) { put_line(json_text(value)); }
 
-std::size_t terminal_width()
+void warn(const std::string &message) { std::fprintf(stderr, "vekctl: warning: %s\n", message.c_str()); }
+
+std::size_t terminal_width(const style &look)
 {
 	struct winsize size = {};
-	if (!isatty(STDOUT_FILENO) || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) < 0)
+	if (look.full || !isatty(STDOUT_FILENO) || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) < 0)
 		return 0;
 	return size.ws_col;
 }
 
 std::string cut(const std::string &line, std::size_t width)
 {
+	const std::string ellipsis = terminal_has_utf8() ? "…" : "...";
 	if (width == 0 || columns_of(line) <= width)
 		return line;
-	std::size_t columns = 1; // the ellipsis
+	std::size_t columns = columns_of(ellipsis);
 	std::size_t at = 0;
 	while (at < line.size()) {
 		const character next = first_character(std::string_view(line).substr(at));
@@ -160,7 +264,7 @@ std::string cut(const std::string &line, std::size_t width)
 			break;
 		at += next.bytes;
 	}
-	return line.substr(0, at) + "…";
+	return line.substr(0, at) + ellipsis;
 }
 
 void table::row(std::vector<std::string> cells)
@@ -171,33 +275,42 @@ void table::row(std::vector<std::string> cells)
 	rows_.push_back(std::move(cells));
 }
 
-void table::print(bool with_header) const
+void table::print(const style &look, const std::string &after) const
 {
-	std::vector<const std::vector<std::string> *> lines;
-	if (with_header)
-		lines.push_back(&header_);
-	for (const auto &cells : rows_)
-		lines.push_back(&cells);
+	std::vector<std::vector<std::string>> lines;
+	if (!look.no_header)
+		for (const heading &column : columns_)
+			lines.resize(1), lines[0].push_back(column.title);
+	lines.insert(lines.end(), rows_.begin(), rows_.end());
 
-	std::vector<std::size_t> widths(header_.size(), 1);
-	for (const auto *cells : lines)
+	terminal_has_utf8();
+	std::vector<std::size_t> widths(columns_.size(), 1);
+	for (const auto &cells : lines)
 		for (std::size_t i = 0; i < widths.size(); i++)
-			widths[i] = std::max(widths[i], columns_of((*cells)[i]));
-	const std::size_t terminal = terminal_width();
-	const std::size_t gap = terminal != 0 && terminal < 80 ? 1 : 2;
+			widths[i] = std::max(widths[i], columns_of(cells[i]));
+	const std::size_t terminal = terminal_width(look);
+	const std::size_t between = widths.size() - 1;
+	const std::size_t whole = std::accumulate(widths.begin(), widths.end(), 2 * between);
+	const std::size_t gap = terminal != 0 && terminal < whole ? 1 : 2;
 	if (terminal != 0)
-		shrink(widths, terminal - std::min(terminal, gap * (widths.size() - 1)));
+		shrink(widths, columns_, terminal - std::min(terminal, gap * between));
 
 	std::string out;
-	for (const auto *cells : lines) {
+	for (const auto &cells : lines) {
 		std::string line;
 		for (std::size_t i = 0; i < widths.size(); i++) {
-			const std::string cell = cut((*cells)[i], widths[i]);
+			const std::string cell = cut(cells[i], widths[i]);
 			line += cell;
 			if (i + 1 < widths.size())
 				line.append(widths[i] - columns_of(cell) + gap, ' ');
 		}
 		out += cut(line, terminal) + "\n";
 	}
-	put(out);
+	out += after;
+	struct winsize size = {};
+	const bool is_long = !look.no_pager && isatty(STDIN_FILENO) && isatty(STDOUT_FILENO) &&
+			     ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 &&
+			     std::count(out.begin(), out.end(), '\n') >= size.ws_row;
+	if (!is_long || !paged(out))
+		put(out);
 }

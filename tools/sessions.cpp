@@ -1,223 +1,64 @@
 // sessions.cpp: who is logged in: list, show, count and stats. Names and addresses are asked of the daemon,
-// which has indexes for them; every other filter works on its answer.
-#include <algorithm>
+// which has indexes for them; every other choice is made among its answer.
 #include <array>
-#include <cctype>
 #include <map>
-#include <optional>
 
-#include "fields.h"
+#include "vekctl.h"
 
 namespace {
 
-// ---- columns: the record's fields, and a few made of several ----
-
 const vek_field &field_named(const char *name) { return *find_field(user_info_fields, name); }
 
-// The deadline that comes first, 0 for none.
-std::uint64_t nearest_deadline(const user_info &session)
-{
-	std::uint64_t nearest = 0;
-	for (const std::uint64_t deadline :
-	     {session.lease_time, session.reauth_time, session.idle_time, session.session_timeout})
-		if (deadline != 0 && (nearest == 0 || deadline < nearest))
-			nearest = deadline;
-	return nearest;
-}
-
-int compare_addresses(const user_info &a, const user_info &b)
-{
-	const int order = compare(field_named("ip6"), &a, &b);
-	return order != 0 ? order : compare(field_named("ip"), &a, &b);
-}
-
-int compare_deadlines(const user_info &a, const user_info &b)
-{
-	const std::uint64_t one = nearest_deadline(a) - 1; // no deadline comes last
-	const std::uint64_t other = nearest_deadline(b) - 1;
-	return one < other ? -1 : one != other;
-}
-
-const vek_field &client_field(const user_info &session)
-{
-	return field_named(*session.sta_mac ? "sta_mac" : "unique");
-}
-
-int compare_clients(const user_info &a, const user_info &b)
-{
-	return text_of(client_field(a), &a).compare(text_of(client_field(b), &b));
-}
-
-struct made_column {
-	std::string_view name;
-	std::string (*text)(const user_info &session, std::uint64_t uptime);
-	int (*compare)(const user_info &a, const user_info &b);
-};
-
-constexpr made_column made_columns[] = {
-    {"address", [](const user_info &session, std::uint64_t) { return address_text(session.ip, session.ip6); },
-     compare_addresses},
-    {"client",
-     [](const user_info &session, std::uint64_t uptime) {
-	     return display(client_field(session), &session, uptime);
-     },
-     compare_clients},
-    {"since", [](const user_info &session, std::uint64_t uptime) { return ago(session.login_time, uptime); },
-     [](const user_info &a, const user_info &b) { return compare(field_named("login_time"), &a, &b); }},
-    {"expires",
-     [](const user_info &session, std::uint64_t uptime) {
-	     return expires(nearest_deadline(session), uptime);
-     },
-     compare_deadlines},
-};
-
-class column {
-public:
-	explicit column(const std::string &name) : name_(name), field_(find_field(user_info_fields, name))
-	{
-		for (const made_column &made : made_columns)
-			if (made.name == name)
-				made_ = &made;
-		if (field_ == nullptr && made_ == nullptr)
-			throw failure{status_usage,
-				      "there is no field \"" + escaped(name) +
-					  "\" (a field of the session, or address, client, since, expires)"};
-	}
-
-	const std::string &name() const { return name_; }
-
-	std::string text(const user_info &session, std::uint64_t uptime) const
-	{
-		return made_ ? made_->text(session, uptime) : display(*field_, &session, uptime);
-	}
-
-	int order(const user_info &a, const user_info &b) const
-	{
-		return made_ ? made_->compare(a, b) : compare(*field_, &a, &b);
-	}
-
-private:
-	std::string name_;
-	const vek_field *field_;
-	const made_column *made_ = nullptr;
-};
-
-// ---- asking ----
-
-struct selection {
-	std::optional<std::string> user;
-	std::optional<std::string> ip;
-	bool first = false;
-	std::optional<std::string> service;
-	std::optional<std::string> type;
-};
-
-address valid_address(const std::string &text)
-{
-	const std::optional<address> parsed = parse_address(text);
-	if (!parsed)
-		throw failure{status_usage, "\"" + escaped(text) + "\" is no IPv4 or IPv6 address"};
-	return *parsed;
-}
-
-int query_address(vek_client *client, const address &from, bool first, sessions *found)
-{
-	if (from.is_ip6)
-		return (first ? vek_client_query_ip6_first : vek_client_query_ip6)(client, &from.ip6, collect,
-										   found);
-	return (first ? vek_client_query_ip_first : vek_client_query_ip)(client, from.ip, collect, found);
-}
-
-sessions select_sessions(const settings &set, const selection &wanted)
-{
-	const std::optional<address> from =
-	    wanted.ip ? std::optional(valid_address(*wanted.ip)) : std::nullopt;
-	const std::optional<unsigned> type = wanted.type ? type_number(*wanted.type) : std::nullopt;
-	if (wanted.type && !type)
-		throw failure{status_usage, "there is no user type \"" + escaped(*wanted.type) + "\""};
-
-	const connection client = connect_request(set);
-	sessions found;
-	int result;
-	if (from)
-		result = query_address(client.get(), *from, wanted.first, &found);
-	else if (wanted.user)
-		result = vek_client_query_name(client.get(), wanted.user->c_str(), collect, &found);
-	else
-		result = vek_client_query_all(client.get(), collect, &found);
-	checked(result, "cannot list the sessions");
-	std::erase_if(found, [&](const user_info &session) {
-		return (wanted.user && *wanted.user != session.username) ||
-		       (wanted.service && *wanted.service != session.service) ||
-		       (type && *type != session.type);
-	});
-	return found;
-}
-
-void print_json(const sessions &found)
+void print_json(const sessions &found, const std::vector<column> &columns = {})
 {
 	json result = json_result();
 	result["uptime"] = uptime_now();
-	result["sessions"] = json::array();
-	for (const user_info &session : found)
-		result["sessions"].push_back(record_json(user_info_fields, &session));
+	result["sessions"] = sessions_json(found, columns);
 	put_json(result);
+}
+
+// A service's name that nobody has may be misspelt.
+void warn_of_nobody(const selection &wanted, bool nobody)
+{
+	if (nobody && !wanted.hint().empty())
+		warn(wanted.hint());
 }
 
 // ---- list ----
 
 struct list_options {
 	selection wanted;
-	std::string sort;
-	std::vector<std::string> columns = {"username", "service", "type",   "address",
-					    "client",   "since",   "expires"};
+	bool first = false;
+	std::vector<std::string> sort;
+	std::vector<std::string> columns;
 };
-
-std::string upper_case(std::string text)
-{
-	std::transform(text.begin(), text.end(), text.begin(),
-		       [](unsigned char c) { return std::toupper(c); });
-	return text;
-}
 
 void list(const settings &set, const list_options &options)
 {
-	std::vector<column> columns(options.columns.begin(), options.columns.end());
-	const bool descending = options.sort.starts_with('-');
-	std::optional<column> key;
-	if (!options.sort.empty())
-		key.emplace(options.sort.substr(descending ? 1 : 0));
-
-	sessions found = select_sessions(set, options.wanted);
-	if (key)
-		std::stable_sort(found.begin(), found.end(), [&](const user_info &a, const user_info &b) {
-			return (descending ? key->order(b, a) : key->order(a, b)) < 0;
-		});
+	const std::vector<std::string> &names = options.columns;
+	static const std::vector<std::string> usual = {"username", "service", "type",   "address",
+						       "client",   "since",   "expires"};
+	const std::vector<column> columns(names.begin(), names.end());
+	if (options.first && (!options.wanted.from || !options.wanted.from->is_host()))
+		throw failure{status_usage, "--first needs --ip with an address"};
+	sessions found = selected(set, options.wanted, options.first);
+	sort_sessions(found, options.sort);
+	warn_of_nobody(options.wanted, found.empty());
 	if (set.json)
-		return print_json(found);
-
-	std::vector<std::string> header;
-	header.reserve(columns.size());
-	for (const column &shown : columns)
-		header.push_back(upper_case(shown.name()));
-	table lines(header);
-	const std::uint64_t uptime = uptime_now();
-	for (const user_info &session : found) {
-		std::vector<std::string> cells;
-		cells.reserve(columns.size());
-		for (const column &shown : columns)
-			cells.push_back(shown.text(session, uptime));
-		lines.row(std::move(cells));
-	}
-	lines.print(!set.no_header);
+		return print_json(found, columns);
+	print_sessions(set, found, names.empty() ? std::vector<column>(usual.begin(), usual.end()) : columns,
+		       set.when());
 }
 
 // ---- show ----
 
 // A field's value with its unit, and in brackets what it means.
-std::string with_unit(const vek_field &field, const user_info &session, std::uint64_t uptime)
+std::string with_unit(const vek_field &field, const user_info &session, const times &when)
 {
-	std::string shown = display(field, &session, uptime);
+	std::string shown = display(field, &session, when);
+	if (field.kind == field_kind::u64 && !shown.empty())
+		shown = field.name == std::string_view("login_time") ? when.ago(session.login_time)
+								     : when.ahead(number_of(field, &session));
 	if (field.kind == field_kind::text || field.kind == field_kind::ip4 || field.kind == field_kind::ip6)
 		return shown;
 	std::string value = json_text(field_json(field, &session));
@@ -231,31 +72,39 @@ void show(const settings &set, const std::string &what)
 	if (what.empty())
 		throw failure{status_usage, "show needs a user's name or an address"};
 	selection wanted;
-	(parse_address(what) ? wanted.ip : wanted.user) = what;
-	const sessions found = select_sessions(set, wanted);
+	if (const auto address = parse_address(what))
+		wanted.from = {*address, address->is_ip6 ? 128U : 32U};
+	else
+		wanted.user = what;
+	const sessions found = selected(set, wanted);
 	if (set.json)
 		print_json(found);
 	if (found.empty())
 		throw failure{status_refused, "nobody is logged in as or from \"" + escaped(what) + "\""};
 	if (set.json)
 		return;
-	const std::uint64_t uptime = uptime_now();
+	const times when = set.when();
 	for (std::size_t i = 0; i < found.size(); i++) {
 		if (i > 0)
 			put("\n");
-		table lines({"FIELD", "VALUE"});
+		table lines({{"FIELD", cutting::exact}, {"VALUE"}});
 		for (const vek_field &field : user_info_fields)
-			lines.row({field.name, with_unit(field, found[i], uptime)});
-		lines.print(!set.no_header);
+			lines.row({field.name, with_unit(field, found[i], when)});
+		lines.print(set);
 	}
 }
 
 // ---- count ----
 
-void count(const settings &set)
+void count(const settings &set, const selection &wanted)
 {
-	const connection client = connect_request(set);
-	const int number = checked(vek_client_count(client.get()), "cannot count the sessions");
+	std::size_t number;
+	if (wanted.is_empty())
+		number = static_cast<std::size_t>(
+		    checked(vek_client_count(connect_request(set).get()), "cannot count the sessions"));
+	else
+		number = selected(set, wanted).size();
+	warn_of_nobody(wanted, number == 0);
 	if (!set.json)
 		return put_line(std::to_string(number));
 	json result = json_result();
@@ -270,16 +119,16 @@ constexpr const char *deadline_names[] = {"lease_time", "reauth_time", "idle_tim
 struct statistics {
 	using key = std::array<std::string, 3>; // service, type, family
 	std::size_t total;
-	std::uint64_t uptime;
+	times when;
 	std::map<key, std::size_t> groups;
 	std::map<std::string, std::size_t> by[std::tuple_size_v<key>];
 	std::map<std::string, const user_info *> next; // by the deadline's name; none where nobody has one
 };
 constexpr const char *dimensions[] = {"service", "type", "family"};
 
-statistics gather(const sessions &found)
+statistics gather(const settings &set, const sessions &found)
 {
-	statistics result = {found.size(), uptime_now(), {}, {}, {}};
+	statistics result = {found.size(), set.when(), {}, {}, {}};
 	for (const user_info &session : found) {
 		const statistics::key key = {session.service, type_name(session.type),
 					     IN6_IS_ADDR_UNSPECIFIED(&session.ip6) ? "ipv4" : "ipv6"};
@@ -304,7 +153,7 @@ std::uint64_t seconds_left(const user_info &session, const char *deadline, std::
 
 void print_table(const settings &set, const statistics &stats)
 {
-	table lines({"WHAT", "OF", "VALUE"});
+	table lines({{"WHAT"}, {"OF"}, {"VALUE", cutting::exact}});
 	lines.row({"sessions", "", std::to_string(stats.total)});
 	const std::string slots = std::to_string(VEK_MAX_USERS);
 	lines.row({"table", slots + " slots", std::to_string(stats.total * 100 / VEK_MAX_USERS) + "% used"});
@@ -314,14 +163,14 @@ void print_table(const settings &set, const statistics &stats)
 	for (const auto &[name, session] : stats.next)
 		if (session != nullptr)
 			lines.row({name, escaped(session->username),
-				   display(field_named(name.c_str()), session, stats.uptime)});
-	lines.print(!set.no_header);
+				   stats.when.ahead(number_of(field_named(name.c_str()), session))});
+	lines.print(set);
 }
 
 void print_stats_json(const statistics &stats)
 {
 	json result = json_result();
-	result["uptime"] = stats.uptime;
+	result["uptime"] = stats.when.uptime;
 	result["sessions"] = stats.total;
 	result["table_size"] = VEK_MAX_USERS;
 	for (std::size_t i = 0; i < std::size(dimensions); i++) {
@@ -336,7 +185,7 @@ void print_stats_json(const statistics &stats)
 			    {{"deadline", name},
 			     {"username", session->username},
 			     {"service", session->service},
-			     {"seconds", seconds_left(*session, name.c_str(), stats.uptime)}});
+			     {"seconds", seconds_left(*session, name.c_str(), stats.when.uptime)}});
 	put_json(result);
 }
 
@@ -370,7 +219,7 @@ void print_prometheus(const statistics &stats)
 	for (const auto &[name, session] : stats.next)
 		if (session != nullptr)
 			out += "vekd_next_deadline_seconds{deadline=" + label(name) + "} " +
-			       std::to_string(seconds_left(*session, name.c_str(), stats.uptime)) + "\n";
+			       std::to_string(seconds_left(*session, name.c_str(), stats.when.uptime)) + "\n";
 	put(out);
 }
 
@@ -378,8 +227,8 @@ void stats(const settings &set, bool prometheus)
 {
 	if (prometheus && set.json)
 		throw failure{status_usage, "--prometheus and --json exclude each other"};
-	const sessions found = select_sessions(set, {});
-	const statistics result = gather(found);
+	const sessions found = selected(set, {});
+	const statistics result = gather(set, found);
 	if (prometheus)
 		print_prometheus(result);
 	else if (set.json)
@@ -390,22 +239,42 @@ void stats(const settings &set, bool prometheus)
 
 } // namespace
 
+sessions selected(const settings &set, const selection &wanted, bool first)
+{
+	const connection client = connect_request(set);
+	sessions found;
+	int result;
+	if (wanted.from && wanted.from->is_host()) {
+		const address &from = wanted.from->base;
+		const auto by_ip6 = first ? vek_client_query_ip6_first : vek_client_query_ip6;
+		const auto by_ip = first ? vek_client_query_ip_first : vek_client_query_ip;
+		result = from.is_ip6 ? by_ip6(client.get(), &from.ip6, collect, &found)
+				     : by_ip(client.get(), from.ip, collect, &found);
+	} else if (wanted.user) {
+		result = vek_client_query_name(client.get(), wanted.user->c_str(), collect, &found);
+	} else {
+		result = vek_client_query_all(client.get(), collect, &found);
+	}
+	checked(result, "cannot list the sessions");
+	std::erase_if(found, [&](const user_info &session) { return !wanted.matches(session); });
+	return found;
+}
+
 void add_session_commands(CLI::App &app, settings &set)
 {
 	auto options = std::make_shared<list_options>();
-	CLI::App *command =
-	    add_command(app, set, "list", "Who is logged in", "vekctl list --service ssh --sort -login_time",
-			[&set, options] { list(set, *options); });
-	command->add_option("--user", options->wanted.user, "sessions of this account");
-	CLI::Option *ip =
-	    command->add_option("--ip", options->wanted.ip, "sessions from this IPv4 or IPv6 address");
-	command->add_flag("--first", options->wanted.first, "only the first session of the address")
-	    ->needs(ip);
-	command->add_option("--service", options->wanted.service, "sessions of this service");
-	command->add_option("--type", options->wanted.type,
-			    "admin, user, guest, ext, limited, ext-group or a number");
-	command->add_option("--sort", options->sort, "order by this field; with - before it, backwards");
-	command->add_option("--columns", options->columns, "fields of the table, with commas between them")
+	CLI::App *command = add_command(app, set, "list", "Who is logged in",
+					"vekctl list --service ssh --sort type,-login_time",
+					[&set, options] { list(set, *options); });
+	options->wanted.add_options(*command);
+	command->add_flag("--first", options->first, "only the first session of the address");
+	command->add_option("--sort", options->sort, "order by these columns; - before one turns its order")
+	    ->type_name("COLUMN,...")
+	    ->delimiter(',');
+	command
+	    ->add_option("--columns", options->columns,
+			 "what to show: fields of the session, or address, client, since, expires")
+	    ->type_name("COLUMN,...")
 	    ->delimiter(',');
 
 	auto what = std::make_shared<std::string>();
@@ -414,7 +283,10 @@ void add_session_commands(CLI::App &app, settings &set)
 	    ->add_option("what", *what, "a user's name or an address")
 	    ->required();
 
-	add_command(app, set, "count", "The number of sessions", "vekctl count", [&set] { count(set); });
+	auto counted = std::make_shared<selection>();
+	counted->add_options(*add_command(app, set, "count", "The number of sessions",
+					  "vekctl count --type guest",
+					  [&set, counted] { count(set, *counted); }));
 
 	auto prometheus = std::make_shared<bool>(false);
 	add_command(app, set, "stats",

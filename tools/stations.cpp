@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "output.h"
+#include "vekctl.h"
 
 namespace {
 
@@ -84,7 +84,7 @@ std::string_view take_last(std::string_view &text, std::string_view mark)
 }
 
 // "alice-02:00:00:00:00:07(Black) is root" or "bob-MAC-1700000000-0x5581 is MAC's left child", read from the
-// end, for a name may hold anything. False: neither.
+// end, for a name may hold anything. The address is empty where the login brought none. False: neither.
 bool parse(std::string_view line, station &into)
 {
 	constexpr std::string_view root = "(Black) is root";
@@ -92,7 +92,7 @@ bool parse(std::string_view line, station &into)
 		line.remove_suffix(root.size());
 		into = {{}, take_last(line, "-"), {}, "root", {}};
 		into.username = line;
-		return !into.sta_mac.empty();
+		return into.sta_mac.data() != nullptr;
 	}
 	into = {};
 	into.place = take_last(line, "'s ");
@@ -101,7 +101,7 @@ bool parse(std::string_view line, station &into)
 	into.auth_time = take_last(line, "-");
 	into.sta_mac = take_last(line, "-");
 	into.username = line;
-	return into.place.ends_with(" child") && !node.empty() && !into.sta_mac.empty();
+	return into.place.ends_with(" child") && !node.empty() && into.sta_mac.data() != nullptr;
 }
 
 void stations(const settings &set)
@@ -109,7 +109,11 @@ void stations(const settings &set)
 	const std::string dump = new_dump(set);
 	json result = json_result();
 	json &list = result["stations"] = json::array();
-	table lines({"USERNAME", "STA_MAC", "AUTH_TIME", "PLACE", "PARENT"});
+	table lines({{"USERNAME"},
+		     {"STA_MAC", cutting::exact},
+		     {"AUTH_TIME", cutting::exact},
+		     {"PLACE", cutting::exact},
+		     {"PARENT", cutting::exact}});
 	bool understood = true;
 	for (std::string_view rest = dump; !rest.empty();) {
 		std::string_view line = rest.substr(0, rest.find('\n'));
@@ -133,7 +137,7 @@ void stations(const settings &set)
 	if (set.json)
 		put_json(result);
 	else
-		lines.print(!set.no_header);
+		lines.print(set);
 	if (!understood)
 		throw failure{status_unexpected, "not every line of " VEK_RBTREE_DUMP " is a station"};
 }

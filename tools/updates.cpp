@@ -86,38 +86,46 @@ void add_update_commands(CLI::App &app, settings &set)
 				       "vekctl update lease --username alice --minutes 60", nullptr);
 	update->require_subcommand(1);
 
+	// Options that would be carried and ignored are not taken.
 	const auto add = [&](const std::string &name, const std::string &description,
-			     const std::string &example, const draft_run &run) {
+			     const std::string &example, std::initializer_list<std::string_view> fields,
+			     const draft_run &run) {
 		return add_event_command(*update, set, name, description,
-					 "vekctl update " + name + " " + example, run);
+					 "vekctl update " + name + " " + example, run, fields);
 	};
 	const auto add_with_all = [&](const std::string &name, const std::string &description,
-				      const std::string &example, const draft_run &run) {
-		const auto [command, event] = add(name, description, example, run);
-		add_all_option(command, *event);
+				      const std::string &example, std::string_view field,
+				      const draft_run &run) {
+		const auto [command, event] = add(name, description, example,
+						  {"service", "username", "unique", "ip", "ip6", field}, run);
+		add_all_option(command, event->all);
 	};
 
 	add_with_all("lease", "Set the lease time; -1: begin the session's own again, 0: none",
-		     "--username alice --minutes 60",
+		     "--username alice --minutes 60", "update",
 		     [&set](draft &event) { update_minutes(set, event, VEK_EVENT_UPDATE_LEASE_TIME, -1); });
 	add_with_all("reauth", "Set the re-authentication time; 0: none", "--username alice --minutes 120",
+		     "update",
 		     [&set](draft &event) { update_minutes(set, event, VEK_EVENT_UPDATE_REAUTH_TIME, 0); });
-	add("idle", "Tell of activity at an address", "--ip 192.0.2.7",
+	add("idle", "Tell of activity at an address", "--ip 192.0.2.7", {"ip", "ip6"},
 	    [&set](draft &event) { update_idle(set, event); });
 	add_with_all("accounting", "Set the accounting status", "--username alice --accounting-status 1",
-		     [&set](draft &event) {
+		     "accounting_status", [&set](draft &event) {
 			     update_attribute(set, event, VEK_EVENT_UPDATE_ACCOUNTING_STATUS,
 					      {"accounting_status"});
 		     });
 	add("profile", "Rename a RADIUS profile in the sessions that use it",
-	    "--old-radius-profile-name old --radius-profile-name new", [&set](draft &event) {
+	    "--old-radius-profile-name old --radius-profile-name new",
+	    {"service", "username", "unique", "ip", "old_radius_profile_name", "radius_profile_name"},
+	    [&set](draft &event) {
 		    update_attribute(set, event, VEK_EVENT_RENAME_RADIUS_PROFILE_NAME,
 				     {"old_radius_profile_name", "radius_profile_name"});
 	    });
 	add_with_all(
-	    "tty", "Set the terminal of an ssh session", "--username alice --ssh-tty pts/3",
+	    "tty", "Set the terminal of an ssh session", "--username alice --ssh-tty pts/3", "ssh_tty",
 	    [&set](draft &event) { update_attribute(set, event, VEK_EVENT_UPDATE_SSH_TTY, {"ssh_tty"}); });
 	add("roaming", "Move a station's session to a new IPv4 address",
 	    "--username alice --sta-mac 02:00:00:00:00:07 --ssid-profile-name guests --ip 192.0.2.8",
+	    {"username", "sta_mac", "ssid_profile_name", "ip"},
 	    [&set](draft &event) { update_roaming(set, event); });
 }

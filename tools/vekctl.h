@@ -1,6 +1,6 @@
-// vekctl.h: what the commands of vekctl share: the exit statuses and how a command ends with one, the options
-// that every command takes, and the daemon as seen from outside (its clock, its process, its sockets). Each
-// group of commands adds itself to the argument parser; main.cpp runs the one that was chosen.
+// vekctl.h: what the commands of vekctl share: the options that every command takes, and the daemon as seen
+// from outside (its clock, its process, its sockets). Each group of commands adds itself to the argument
+// parser; main.cpp runs the one that was chosen.
 #ifndef VEKCTL_H
 #define VEKCTL_H
 
@@ -12,31 +12,16 @@
 #include <string>
 #include <vector>
 
-#include "vek.h"
+#include "selection.h"
 #include "vek_client.h"
+#include "view.h"
 
-enum exit_status {
-	status_ok = 0,
-	status_refused = 1, // or not found, or the output could not be written
-	status_usage = 2,
-	status_no_daemon = 3,
-	status_timed_out = 4,
-	status_unexpected = 5 // an answer that is none
-};
-
-// Ends the command: one line on standard error (none when the message is empty) and the exit status.
-struct failure {
-	int status;
-	std::string message;
-};
-
-struct settings {
-	bool json = false;
-	bool no_header = false;
+struct settings : style {
 	double timeout = VEK_CLIENT_TIMEOUT_MS / 1000.0;
 	std::function<void()>
 	    run; // set by the command chosen, called once all arguments have been understood
 
+	times when() const;
 	int timeout_ms() const { return static_cast<int>(std::lround(timeout * 1000)); }
 };
 
@@ -45,18 +30,19 @@ CLI::App *add_command(CLI::App &parent, settings &set, const std::string &name,
 		      const std::string &description, const std::string &example,
 		      const std::function<void()> &run);
 
+void add_status_command(CLI::App &app, settings &set);
 void add_session_commands(CLI::App &app, settings &set); // list, show, count, stats
 void add_event_commands(CLI::App &app, settings &set);   // login, logout, web-logout, revoke, report
 void add_update_commands(CLI::App &app, settings &set);  // update ...
 void add_watch_command(CLI::App &app, settings &set);
 void add_config_command(CLI::App &app, settings &set);
+std::vector<std::string> config_key_names();
 void add_lockouts_command(CLI::App &app, settings &set);
 void add_stations_command(CLI::App &app, settings &set);
 
 // ---- the daemon from outside ----
 
 using connection = std::unique_ptr<vek_client, decltype(&vek_client_close)>;
-using sessions = std::vector<user_info>;
 
 connection connect_notify(const settings &set);
 connection connect_request(const settings &set);
@@ -68,10 +54,13 @@ failure client_failure(const std::string &doing);
 int checked(int result, const std::string &doing);
 int collect(const user_info *session, void *into);
 
+// The sessions that the options choose; with `first` the first one of an address.
+sessions selected(const settings &set, const selection &wanted, bool first = false);
+
 // Whole seconds of uptime, the clock of all deadlines.
 std::uint64_t uptime_now();
 
-// The running daemon's process, which may be signalled; a failure when there is none.
+// The running daemon's process; a failure when there is none.
 int daemon_pid();
 void signal_daemon(int pid, int signal);
 

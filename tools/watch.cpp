@@ -10,98 +10,40 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include "events.h"
+#include "vekctl.h"
 
 namespace {
 
 using clock_type = std::chrono::steady_clock;
 
 struct watch_options {
+	selection wanted;
 	double seconds = 0;
 	int count = 0;
 };
 
-struct wording {
-	int event;
-	int sub_event;
-	const char *words;
-	const char *colour;
-};
+constexpr char red[] = "\033[31m";
 
-constexpr char green[] = "\033[32m", yellow[] = "\033[33m", red[] = "\033[31m", cyan[] = "\033[36m";
-
-constexpr wording wordings[] = {
-    {VEK_EVENT_USER_LOGIN, 0, "logged in", green},
-    {VEK_EVENT_USER_SOCIAL_LOGIN_STAGE2, 0, "finished the social login", green},
-    {VEK_EVENT_USER_LOGOUT, VEK_EVENT_USER_FORCE_LOGOUT, "was logged out by force", red},
-    {VEK_EVENT_USER_LOGOUT, VEK_EVENT_CONFIG_CHANGE, "was logged out by a new configuration", red},
-    {VEK_EVENT_USER_LOGOUT, 0, "logged out", yellow},
-    {VEK_EVENT_USER_LOGOUT2, VEK_EVENT_USER_SESSION_TIMEOUT, "reached the end of the session's time", red},
-    {VEK_EVENT_USER_LOGOUT2, VEK_EVENT_USER_FORCE_LOGOUT, "was logged out by force", red},
-    {VEK_EVENT_USER_LOGOUT2, VEK_EVENT_CONFIG_CHANGE, "was logged out by a new configuration", red},
-    {VEK_EVENT_USER_LOGOUT2, 0, "logged out", yellow},
-    {VEK_EVENT_USER_REAUTH_TIMEOUT, 0, "had to authenticate again", red},
-    {VEK_EVENT_USER_LEASE_TIMEOUT, 0, "reached the end of the lease", red},
-    {VEK_EVENT_USER_IDLE_TIMEOUT, 0, "was idle for too long", red},
-    {VEK_EVENT_USER_TUNNEL_UP, 0, "has a tunnel", cyan},
-    {VEK_EVENT_USER_TUNNEL_DOWN, 0, "has no tunnel any more", cyan},
-};
-
-// The row of the event's cause, else the event's own.
-const wording *words_for(const vek_event &event)
-{
-	for (const int cause : {event.sub_event, 0})
-		for (const wording &row : wordings)
-			if (row.event == event.event && row.sub_event == cause)
-				return &row;
-	return nullptr;
-}
-
-std::string time_text(const char *format)
-{
-	const std::time_t now = std::time(nullptr);
-	char text[64] = "";
-	struct tm parts = {};
-	std::strftime(text, sizeof(text), format, localtime_r(&now, &parts));
-	return text;
-}
-
-// As in 2026-11-22T21:04:05+01:00.
-std::string rfc3339_now()
-{
-	std::string text = time_text("%Y-%m-%dT%H:%M:%S%z");
-	return text.insert(text.size() - 2, ":");
-}
+std::string rfc3339_now() { return rfc3339(std::time(nullptr)); }
 
 class printer {
 public:
 	explicit printer(const settings &set)
-	    : json_(set.json), coloured_(isatty(STDOUT_FILENO) && !std::getenv("NO_COLOR"))
+	    : set_(set), coloured_(isatty(STDOUT_FILENO) && !std::getenv("NO_COLOR"))
 	{
 	}
 
-	void event(const vek_event &event) const
+	void event(const vek_event &event)
 	{
-		if (json_) {
-			json line = json_result();
-			line["time"] = rfc3339_now();
-			line["event"] = event.event;
-			line["event_name"] = event_name(event.event);
-			line.update(record_json(vek_event_fields, &event));
-			return put_json(line);
-		}
-		const wording *row = words_for(event);
-		const bool has_ip6 = (event.event_flag & VEK_EVENT_FLAG_USED_IPV6_ADDR) != 0;
-		const std::string name = *event.real_username ? event.real_username : event.username;
-		const std::string who =
-		    describe(name, event.service, event.type,
-			     has_ip6 ? address_text(0, event.ip6) : address_text(event.ip, in6_addr{}));
-		line(who + " " + (row ? row->words : event_name(event.event)), row ? row->colour : "");
+		if (set_.json)
+			put_json(event_json(event, rfc3339_now()));
+		else
+			line(event_text(event), event_colour(event));
 	}
 
-	void gap(const std::string &since) const
+	void gap(const std::string &since)
 	{
-		if (!json_)
+		if (!set_.json)
 			return line("-- events since " + since.substr(11, 8) + " may be missing --", red);
 		json line = json_result();
 		line["time"] = rfc3339_now();
@@ -111,21 +53,30 @@ public:
 	}
 
 private:
-	void line(const std::string &text, const std::string &colour) const
+	static std::string today() { return date_text(std::time(nullptr), "%Y-%m-%d"); }
+
+	void line(const std::string &text, const std::string &colour)
 	{
-		const std::string whole = cut(time_text("%H:%M:%S") + " " + text, terminal_width());
+		if (!set_.absolute && day_ != today())
+			put_line("-- " + (day_ = today()) + " --");
+		const std::string time =
+		    date_text(std::time(nullptr), set_.absolute ? "%Y-%m-%d %H:%M:%S " : "%H:%M:%S ");
+		const std::string whole = cut(time + text, terminal_width(set_));
 		put_line(coloured_ && !colour.empty() ? colour + whole + "\033[0m" : whole);
 	}
 
-	bool json_;
+	const settings &set_;
 	bool coloured_;
+	std::string day_ = today(); // which a reader knows
 };
 
-// Whoever asks the command to end need not wait for the daemon, nor for a reader of its output.
+// Whoever asks the command to end need not wait for the daemon, nor for a reader of its output. A shell's
+// background job ignores SIGINT and reads no terminal; a command in a shell that was such a job itself reads
+// one and obeys.
 void end_when_asked()
 {
 	for (const int number : {SIGINT, SIGTERM})
-		if (std::signal(number, [](int) { _exit(status_ok); }) == SIG_IGN)
+		if (std::signal(number, [](int) { _exit(status_ok); }) == SIG_IGN && !isatty(STDIN_FILENO))
 			std::signal(number, SIG_IGN);
 }
 
@@ -149,6 +100,8 @@ public:
 				break;
 			vek_event event;
 			if (vek_client_next(client_.get(), &event) > 0) {
+				if (!options_.wanted.matches(session_of(event)))
+					continue;
 				out_.event(event);
 				if (++seen == options_.count)
 					return;
@@ -240,8 +193,11 @@ void add_watch_command(CLI::App &app, settings &set)
 	CLI::App *command = add_command(app, set, "watch", "Follow logins and logouts as they happen",
 					"vekctl watch --for 60 --json", [&set, options] {
 						end_when_asked();
+						if (!options->wanted.hint().empty())
+							warn(options->wanted.hint());
 						watcher(set, *options).run();
 					});
+	options->wanted.add_options(*command);
 	command->add_option("--for", options->seconds, "end after so many seconds")
 	    ->check(CLI::Range(0.001, 1e9))
 	    ->type_name("SECONDS");

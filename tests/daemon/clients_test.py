@@ -131,3 +131,39 @@ class SlowClients(OnDevice):
             with contextlib.suppress(AssertionError):
                 wait_for(lambda: self.ask.count() == 0, 1)
             self.assertEqual(0, self.ask.count())
+
+    def test_a_full_queue_is_left_in_the_order_it_was_joined(self):
+        pathlib.Path(vek.ADDRESS_NOTIFY).unlink(missing_ok=True)
+        with socket.create_server(vek.ADDRESS_NOTIFY, family=socket.AF_UNIX, backlog=0) as server:
+            server.settimeout(LIMIT)
+            queue = []
+            for _ in range(12):
+                client = self.process(Client, "notify")
+                queue.append(client.pid)  # all but the first find the queue full
+                wait_for(lambda: ") S " in read(f"/proc/{client.pid}/stat") or not alive(client.pid))
+            for pid in queue:
+                with server.accept()[0] as accepted:
+                    peer = accepted.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, 4)
+                    self.assertEqual(pid, int.from_bytes(peer, sys.byteorder))
+
+    def test_reports_from_an_event_loop(self):
+        pathlib.Path(vek.ADDRESS_NOTIFY).unlink(missing_ok=True)
+        with socket.create_server(vek.ADDRESS_NOTIFY, family=socket.AF_UNIX) as server:
+            client = Client("notify")
+            daemon = server.accept()[0]
+            self.addCleanup(daemon.close)
+            nameless = notice(vek.EVENT_USER_LOGIN, "ssh")
+
+            def call(name, *arguments):
+                result = getattr(LIBRARY, "vek_client_" + name)(client, *arguments)
+                return result if result >= 0 else errno.errorcode[ctypes.get_errno()]
+
+            self.assertEqual(("EINVAL", "EINVAL"), (call("answer"), call("report", ctypes.byref(nameless))))
+            self.assertEqual((0, "EBUSY"), (call("send", ctypes.byref(nameless)), call("send", ctypes.byref(nameless))))
+            self.assertEqual(bytes(nameless), daemon.recv(9999), "once")
+            for part, status in ((b"\1\0", "EAGAIN"), (b"\0\0", 1), (b"", "EINVAL")):
+                daemon.send(part)
+                self.assertEqual(status, call("answer"))
+            self.assertEqual(0, call("send", ctypes.byref(nameless)))
+            daemon.close()
+            self.assertEqual(("ECONNRESET", "ENOTCONN"), (call("answer"), call("answer")))

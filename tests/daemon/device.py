@@ -5,7 +5,7 @@ waits here waits for a condition, at most LIMIT seconds. By hand, in this direct
     ../../scripts/sandbox python3 -B -m unittest sessions_test.Road
 
 BUILD names the build (build/release unless set), VEKD another daemon."""
-import contextlib, ctypes, functools, itertools, multiprocessing, os, pathlib, re, select, shutil, signal, socket
+import contextlib, ctypes, errno, functools, itertools, multiprocessing, os, pathlib, re, select, shutil, signal, socket
 import subprocess, sys, time, unittest
 
 import vek

@@ -24,6 +24,8 @@ lib=$(dirname "$root"/usr/lib/*/libvekclient.so.1)
 # The example, compiled as its reader would: with pkg-config, and with CMake.
 example=$root/usr/share/doc/libvekclient-dev/examples/report_login.c
 export PKG_CONFIG_PATH=$lib/pkgconfig
+[[ $(pkg-config --variable=includedir vekclient) == /usr/include ]]
+export PKG_CONFIG_SYSROOT_DIR=$root PKG_CONFIG_ALLOW_SYSTEM_LIBS=1
 read -ra flags < <(pkg-config --cflags --libs vekclient)
 cc "$example" -o by_pkg_config "${flags[@]}"
 cat >CMakeLists.txt <<END
@@ -43,6 +45,7 @@ export DAEMON=$root/usr/sbin/vekd VEKD_PID=$root/usr/libexec/vekd/vekd-pid LD_LI
 "$sandbox" bash -euc '
 	"$1/etc/init.d/vekd" start
 	for program in by_pkg_config example/shared example/static; do "./$program"; done
+	python3 "$1/usr/share/doc/libvekclient-dev/examples/vekd_protocol.py" login ssh alice 1
 	"$1/usr/bin/vekctl" count
 	"$1/etc/init.d/vekd" stop
 ' - "$root"

@@ -66,7 +66,7 @@ unshare --mount bash -euc '
 [[ $(grep CapBnd "/proc/$(daemon_pid)/status") != "$(grep CapBnd /proc/self/status)" ]] || fail "it kept all rights"
 
 for report in login logout; do
-	"$vekctl" "$report" --service telnet --username alice --unique pts/7 --ip 192.0.2.1
+	"$vekctl" "$report" --service telnet --username alice --type admin --unique pts/7 --ip 192.0.2.1
 done
 status=0
 wait "$shell" || status=$?
