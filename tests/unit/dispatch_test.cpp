@@ -13,6 +13,7 @@
 #include <functional>
 #include <utility>
 
+#include "child.h"
 #include "core.h"
 #include "faults.h"
 #include "sock_event.h"
@@ -86,6 +87,124 @@ TEST_F(SockEvent, WhatACallbackDeletesOrAddsWaitsForTheNextPass)
 	};
 	EXPECT_EQ("rarc", pass());
 	EXPECT_EQ("rcrb", pass());
+}
+
+// One pass of the main loop, as far as clients go.
+void pass_of_clients()
+{
+	vek_begin_pass();
+	vek_sock_event_limit_wait(0);
+	vek_sock_event_loop(&vek_skevent);
+}
+
+void put(const client &from, const void *record, std::size_t size)
+{
+	send(from.sock()->pid, record, size, 0); // and nobody serves it yet
+}
+
+void report(const client &from, const char *user)
+{
+	const vek_event event = make_event(VEK_EVENT_UPDATE_ACCOUNTING_STATUS, {"", user});
+	put(from, &event, sizeof(event));
+}
+
+std::string handled; // reports, by their users
+
+struct Fairness : testing::Test {
+	Fairness()
+	{
+		handled.clear();
+		vek_register_event(VEK_EVENT_UPDATE_ACCOUNTING_STATUS, 0, [](vek_event *event, vek_socket *) {
+			vek_run_shell("a tool");
+			handled += event->username;
+			return VEK_STOP_DISPATCH;
+		});
+		for (client &other : others)
+			other.reads = false;
+	}
+	~Fairness() override { clock_ms += 1000; } // nothing is held any more
+	core running;
+	client others[10];
+	client reporters[3] = {client(VEK_SOCKTYPE_NOTIFY), client(VEK_SOCKTYPE_NOTIFY),
+			       client(VEK_SOCKTYPE_NOTIFY)};
+};
+
+TEST_F(Fairness, ReportsThatRunToolsTakeTurnsAndAreNotOvertaken)
+{
+	fake.tool_ms = 30;
+	reporters[2].sock()->uid = 0;
+	for (int i = 0; i < 3; i++)
+		report(reporters[i], i == 0 ? "a" : i == 1 ? "b" : "S");
+	pass_of_clients();
+	EXPECT_EQ("aS", handled) << "only the unprivileged have turns";
+	EXPECT_FALSE(vek_catch_up()) << "a due logout and the tick wait for b";
+	report(reporters[0], "c");
+	pass_of_clients();
+	EXPECT_EQ("aSb", handled.substr(0, 3)) << "the longest waiting first";
+	while (!vek_catch_up())
+		pass_of_clients();
+	fake.tool_ms = 0;
+	pass_of_clients();
+	report(reporters[0], "d");
+	EXPECT_TRUE(vek_catch_up());
+	EXPECT_EQ("aSbcd", handled) << "what lies in a socket comes before the tick";
+}
+
+TEST_F(Fairness, ReportsWaitForASubscriberThatReadsAndForNoOther)
+{
+	client &subscriber = others[0];
+	subscriber.sock()->uid = 0;
+	vek_event copy = make_event(VEK_EVENT_APP_LISTEN);
+	vek_dispatch_event(&copy, subscriber.sock());
+	copy.event = VEK_EVENT_USER_SOCIAL_LOGIN_STAGE2;
+	for (int i = 0; i < 700; i++)
+		vek_dispatch_event(&copy, nullptr);
+	if (!stream_gives_deep_buffers())
+		GTEST_SKIP() << "this system gives no deep buffers";
+	report(reporters[0], "a");
+	pass_of_clients();
+	EXPECT_EQ("", handled);
+	clock_ms += 41;
+	pass_of_clients();
+	pass_of_clients();
+	EXPECT_EQ("a", handled) << "it waits for a moment only";
+	vek_dispatch_event(&copy, nullptr);
+	clock_ms += 300; // in which the subscriber reads nothing
+	vek_dispatch_event(&copy, nullptr);
+	report(reporters[0], "b");
+	pass_of_clients();
+	EXPECT_EQ("ab", handled);
+}
+
+TEST_F(Fairness, LongAnswersWaitForBuffersOfThoseWhoRead)
+{
+	for (int i = 0; i < VEK_MAX_USERS; i++)
+		dispatch(VEK_EVENT_USER_LOGIN, {"http/https", "bob"});
+	const std::size_t whole = sizeof(vek_event) + VEK_MAX_USERS * sizeof(user_info);
+	const vek_request everybody{VEK_QUERY_ALL, {}, 0};
+	for (const client &other : others)
+		put(other, &everybody, sizeof(everybody));
+	pass_of_clients();
+	if (!stream_gives_deep_buffers())
+		GTEST_SKIP() << "this system gives no deep buffers";
+	EXPECT_EQ(vek_waits::for_a_buffer, others[8].sock()->waits) << "eight are lent";
+	EXPECT_EQ(vek_waits::for_a_buffer, others[9].sock()->waits);
+	others[0].reads = others[8].reads = others[9].reads = true;
+	EXPECT_EQ(whole, others[0].take().size());
+	for (int i = 0; i < 3; i++)
+		pass_of_clients();
+	EXPECT_EQ(whole, others[8].take().size()) << "has the buffer of the one who has read";
+	for (int tick = 0; tick < 2; tick++) {
+		put(others[0], &everybody, sizeof(everybody)); // somebody always waits
+		vek_tick_endpoints();
+		pass_of_clients();
+	}
+	for (int i = 0; i < 3; i++)
+		pass_of_clients();
+	EXPECT_EQ(whole, others[9].take().size());
+	EXPECT_EQ(nullptr, others[1].sock()) << "who read nothing from one tick to the next is shut down";
+	for (client &other : others)
+		other.reads = true;
 }
 
 TEST(Clock, Ticks)
