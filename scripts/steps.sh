@@ -1,18 +1,23 @@
-# steps.sh: how scripts/test and scripts/cross, which source this from the checkout's root, run and count steps.
+# steps.sh: how the scripts that source this from the checkout's root run and count steps.
 passed=0
 failed=0
+skipped=0
 jobs=$(nproc)
 mkdir -p build
 
 # Runs a named step, and adds what it counts: a ctest summary in its output, otherwise the step as one check.
 step()
 {
-	local name=$1 start=$SECONDS result=ok summary='.*[^0-9]([0-9]+) tests? failed out of ([0-9]+)'
+	local name=$1 start=$SECONDS result=ok summary='.*[^0-9]([0-9]+) tests? failed out of ([0-9]+)' ran without
 	shift
 	echo "==== $name"
 	"$@" 2>&1 | tee build/step.log || result=FAILED
 	if [[ $(<build/step.log) =~ $summary ]]; then
-		((failed += BASH_REMATCH[1], passed += BASH_REMATCH[2] - BASH_REMATCH[1])) || true
+		# Which counts tests that did not run as passed.
+		ran=${BASH_REMATCH[2]}
+		((failed += BASH_REMATCH[1])) || true
+		without=$(grep -c '\*\*\*Skipped' build/step.log || true)
+		((skipped += without, passed += ran - BASH_REMATCH[1] - without)) || true
 	elif [[ $result == ok ]]; then
 		((++passed))
 	else
@@ -20,6 +25,13 @@ step()
 	fi
 	echo "==== $name: $result in $((SECONDS - start)) s"
 	[[ $result == ok ]]
+}
+
+# skip NAME REASON [CHECKS]: a step that cannot be run here.
+skip()
+{
+	echo "==== $1: skipped: $2"
+	((skipped += ${3:-1}))
 }
 
 # build PRESET [TARGET...]
@@ -34,9 +46,10 @@ run_tests()
 	ctest --test-dir "build/$1" --output-on-failure --no-tests=error -j "$jobs" "${@:2}"
 }
 
-# The last line, and the status of the whole.
+# The last line, and the status of the whole: what did not run is no success.
 summary()
 {
-	echo "$passed passed, $failed failed"
-	((failed == 0))
+	echo "$passed passed, $failed failed, $skipped skipped"
+	((failed == 0)) || exit 1
+	((skipped == 0)) || exit 77
 }

@@ -61,7 +61,7 @@ unshare --mount bash -euc '
 	mount -o remount,bind,ro /var
 	umask "$3"
 	exec setpriv --bounding-set "-all$2" --no-new-privs "$4" start
-' - "$(setting ReadWritePaths)" "$(setting CapabilityBoundingSet | tr A-Z a-z | sed 's/ *cap_/,+/g')" \
+' - "$(setting ReadWritePaths | sed 's/ -/ /')" "$(setting CapabilityBoundingSet | tr A-Z a-z | sed 's/ *cap_/,+/g')" \
 	"$(setting UMask)" "$packaging/vekd.init"
 [[ $(grep CapBnd "/proc/$(daemon_pid)/status") != "$(grep CapBnd /proc/self/status)" ]] || fail "it kept all rights"
 
