@@ -5,13 +5,14 @@ skipped=0
 jobs=$(nproc)
 mkdir -p build
 
-# Runs a named step, and adds what it counts: a ctest summary in its output, otherwise the step as one check.
+# Runs a named step, and adds what it counts: a ctest summary in its output, otherwise the step as one check. A step
+# that cannot be run here ends with status 77 and has said why.
 step()
 {
 	local name=$1 start=$SECONDS result=ok summary='.*[^0-9]([0-9]+) tests? failed out of ([0-9]+)' ran without
 	shift
 	echo "==== $name"
-	"$@" 2>&1 | tee build/step.log || result=FAILED
+	"$@" 2>&1 | tee build/step.log || { (($? == 77)) && result=skipped; } || result=FAILED
 	if [[ $(<build/step.log) =~ $summary ]]; then
 		# Which counts tests that did not run as passed.
 		ran=${BASH_REMATCH[2]}
@@ -20,6 +21,8 @@ step()
 		((skipped += without, passed += ran - BASH_REMATCH[1] - without)) || true
 	elif [[ $result == ok ]]; then
 		((++passed))
+	elif [[ $result == skipped ]]; then
+		((++skipped))
 	else
 		((++failed))
 	fi
@@ -43,7 +46,9 @@ build()
 # run_tests PRESET [CTEST-ARGUMENT...]
 run_tests()
 {
-	ctest --test-dir "build/$1" --output-on-failure --no-tests=error -j "$jobs" "${@:2}"
+	ctest --test-dir "build/$1" --output-on-failure --no-tests=error -j "$jobs" "${@:2}" || return
+	# ctest names what was skipped; this says why.
+	grep '^skipped: ' "build/$1/Testing/Temporary/LastTest.log" | sort -u || true
 }
 
 # The last line, and the status of the whole: what did not run is no success.
