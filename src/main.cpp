@@ -1,6 +1,7 @@
 // main.cpp: the process: command line, start-up in its fixed order, the loop, shut-down. The bus, the socket
 // loop, the endpoints and the modules do the work; signal handlers only set flags that the loop acts on.
 #include <fcntl.h>
+#include <getopt.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <mutex>
 
@@ -105,8 +107,11 @@ static void vek_remove_pid()
 static int bind_endpoint(const char *path, int *listening_fd)
 {
 	*listening_fd = vek_bind_unix_address(path);
-	if (*listening_fd < 0 || vek_sock_event_add_fd(*listening_fd, FD_READ, nullptr) < 0)
+	const int error = *listening_fd < 0 ? errno : EMFILE; // what a number too high to be watched comes from
+	if (*listening_fd < 0 || vek_sock_event_add_fd(*listening_fd, FD_READ, nullptr) < 0) {
+		std::fprintf(stderr, "%s: %s\n", path, std::strerror(error));
 		return -1;
+	}
 	chmod(path, 0777);
 	return 0;
 }
@@ -180,7 +185,7 @@ static void release_start_lock()
 	start_lock = -1;
 }
 
-static void usage(const char *program) { std::printf("%s [-d] [-d] [-h]\n", program); }
+static void usage(const char *program, std::FILE *to) { std::fprintf(to, "%s [-d] [-d] [-h]\n", program); }
 
 static void shut_down()
 {
@@ -308,12 +313,22 @@ void vek_tick()
 
 int vekd_main(int argc, char **argv)
 {
+	enum { HELP = 256, VERSION, USAGE_ERROR = 2 };
+	constexpr option words[] = {
+	    {"help", no_argument, nullptr, HELP}, {"version", no_argument, nullptr, VERSION}, {}};
 	opterr = 0;
-	for (int option; (option = getopt(argc, argv, "dh")) != -1;) {
+	for (int option; (option = getopt_long(argc, argv, "dhV", words, nullptr)) != -1;) {
 		switch (option) {
 		case 'd': debug++; break;
-		case 'h': usage(argv[0]); return 0;
-		default: break;
+		case 'h':
+		case HELP: usage(argv[0], stdout); return 0;
+		case 'V':
+		case VERSION: std::puts("vekd " VEK_VERSION); return 0;
+		default: // of the letters an unknown one counts for nothing
+			if (optopt > 0 && optopt < HELP)
+				break;
+			usage(argv[0], stderr);
+			return USAGE_ERROR;
 		}
 	}
 	if (start_up() < 0)

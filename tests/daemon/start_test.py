@@ -11,8 +11,11 @@ HELPER = os.environ.get("VEKD_PID", f"{vek.SOURCE}/packaging/vekd-pid")
 
 class StartUp(OnDevice):
     def test_obstacles_end_it_and_touch_nobodys_blocks(self):
-        self.assertEqual(0, exit_status(self.spawn("-dh")))
-        self.assertEqual(f"{VEKD} [-d] [-d] [-h]\n", self.output())
+        usage = f"{VEKD} [-d] [-d] [-h]\n"
+        version = "vekd " + re.search(r"project\(vekd VERSION (\S+)", read(f"{vek.SOURCE}/CMakeLists.txt"))[1] + "\n"
+        for option, status, said in (("-dh", 0, usage), ("--help", 0, usage), ("--vision", 2, usage),
+                                     ("--help=all", 2, usage), ("-xV", 0, version), ("--version", 0, version)):
+            self.assertEqual((status, said), (exit_status(self.spawn(option)), self.output()), option)
         os.symlink(SCRATCH + "elsewhere", vek.PID_FILE)  # seen as none, and not followed
         self.assertEqual(255, exit_status(self.spawn("-dd")))
         self.assertFalse(os.path.exists(SCRATCH + "elsewhere"))
@@ -23,8 +26,8 @@ class StartUp(OnDevice):
         others = self.shared(vek.user_lock, vek.USER_LOCK_IPC_KEY, IPC_CREAT)
         others.attempt_count = 77
         for path, message in ((vek.PID_FILE, "Another vek daemon is running\n"),
-                              (vek.ADDRESS_NOTIFY, "Can't init vek daemon!\n"),
-                              (vek.ADDRESS_REQUEST, "Can't init vek daemon!\n")):
+                              (vek.ADDRESS_NOTIFY, "notify: Address already in use\nCan't init vek daemon!\n"),
+                              (vek.ADDRESS_REQUEST, "request: Address already in use\nCan't init vek daemon!\n")):
             pathlib.Path(path).unlink(missing_ok=True)  # of a start before
             os.mkdir(path)
             self.assertEqual(255, exit_status(self.spawn()), path)
