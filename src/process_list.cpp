@@ -89,7 +89,14 @@ bool is_on(const shell_line &line, const terminal_number &terminal)
 	       (terminal.prefix ? line.minor.starts_with(wanted) : line.minor == wanted);
 }
 
-std::string_view minor_of(const shell_search *search) { return search->terminal.minor; }
+struct by_minor {
+	static std::string_view minor_of(const shell_search *search) { return search->terminal.minor; }
+	static std::string_view minor_of(std::string_view minor) { return minor; }
+	template <class A, class B> bool operator()(const A &a, const B &b) const
+	{
+		return minor_of(a) < minor_of(b);
+	}
+};
 
 // Empties the file of the listing. False when it cannot be.
 bool clear_listing()
@@ -145,7 +152,7 @@ void find_shells(std::FILE *list, std::span<shell_search> searches)
 	shell_search **exact_end = sorted, **end = sorted + searches.size(), **prefix = end;
 	for (shell_search &search : searches)
 		*(search.terminal.prefix ? --prefix : exact_end++) = &search;
-	std::ranges::sort(sorted, exact_end, {}, minor_of);
+	std::sort(sorted, exact_end, by_minor());
 
 	char text[256];
 	for (std::size_t left = READ_LIMIT; read_line(list, text, &left);) {
@@ -156,7 +163,8 @@ void find_shells(std::FILE *list, std::span<shell_search> searches)
 			if (!search->shell && is_on(*line, search->terminal))
 				search->shell = line->shell;
 		};
-		std::ranges::for_each(std::ranges::equal_range(sorted, exact_end, line->minor, {}, minor_of), note);
+		const auto [first, last] = std::equal_range(sorted, exact_end, line->minor, by_minor());
+		std::for_each(first, last, note);
 		std::for_each(exact_end, end, note);
 	}
 }

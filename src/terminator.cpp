@@ -120,6 +120,11 @@ vek_tool::result disable_sshcon(const std::optional<listed_shell> &shell)
 	return sshcon.run([] { return vek_run_shell("qzsh -p 100 -e \"sshcon disable\""); });
 }
 
+int number_of(const seat &terminal)
+{
+	return static_cast<int>(std::strtol(terminal.number, nullptr, 10)); // at most seven digits
+}
+
 vek_tool::result launch_kill(int pid, int *status)
 {
 	char text[8];
@@ -134,7 +139,7 @@ vek_tool::result end_shell(job &job)
 {
 	int status;
 	if (!job.killed && job.deferred && is_taken(job))
-		job.shell = {0, std::atoi(job.shell_on.number)}; // not the shell, only its feature
+		job.shell = {0, number_of(job.shell_on)}; // not the shell, only its feature
 	else if (!job.killed && job.shell && launch_kill(job.shell->pid, &status) == vek_tool::STALLED)
 		return vek_tool::STALLED;
 	job.killed = true;

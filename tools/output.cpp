@@ -111,7 +111,8 @@ bool paged(const std::string &text)
 {
 	const char *pager = std::getenv("PAGER");
 	setenv("LESS", "FRSX", 0);
-	FILE *reader = popen(pager != nullptr ? pager : "less", "we");
+	// The user's own shell runs the user's own choice, as everywhere.
+	FILE *reader = popen(pager != nullptr ? pager : "less", "we"); // NOLINT(cert-env33-c)
 	if (reader == nullptr)
 		return false;
 	const auto interrupted = std::signal(SIGINT, SIG_IGN); // which is the pager's to obey

@@ -193,11 +193,13 @@ void print_sessions(const style &look, const sessions &found, const std::vector<
 		    const times &when)
 {
 	std::vector<heading> header;
+	header.reserve(columns.size());
 	for (const column &shown : columns)
 		header.push_back(shown.head());
 	table lines(header);
 	for (const user_info &session : found) {
 		std::vector<std::string> cells;
+		cells.reserve(columns.size());
 		for (const column &shown : columns)
 			cells.push_back(shown.text(session, when));
 		lines.row(std::move(cells));
