@@ -31,6 +31,10 @@ void vek_accept_request(int fd, void *data);
 void vek_handle_notify(int fd, vek_socket *sock);
 void vek_handle_request(int fd, vek_socket *sock);
 
+// A request as the event that it asks for; only of a known method.
+bool vek_request_is_known(const vek_request &request);
+vek_event vek_event_from_request(const vek_request &request);
+
 // Unlinks and frees `sock` unless null; unregisters and closes `fd` unless negative. Never from a handler.
 void vek_close_client(int fd, vek_socket *sock);
 

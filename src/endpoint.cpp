@@ -3,7 +3,6 @@
 #include "endpoint.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -16,7 +15,7 @@
 #include "deferred_logout.h"
 #include "fairness.h"
 #include "misc.h"
-#include "responder.h"
+#include "turns.h"
 #include "userdb.h"
 #include "vek_event.h"
 #include "vek_fields.h"
@@ -32,7 +31,6 @@ namespace {
 constexpr int BACKLOG = 5;
 bool accept_paused;
 int spare_fd = -1; // given up for a moment to turn a connection away when descriptors have run out
-bool some_wait;    // a connection is not read from, or was not at some time
 
 ucred peer_of(int fd)
 {
@@ -40,17 +38,6 @@ ucred peer_of(int fd)
 	socklen_t length = sizeof(peer);
 	getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length);
 	return peer;
-}
-
-// Reads from a connection, or leaves what it sends where it is for a while.
-bool watch(vek_socket *sock, vek_waits waits)
-{
-	vek_sock_event_del_fd(sock->fd);
-	sock->waits = waits;
-	some_wait |= waits != vek_waits::for_nothing;
-	if (waits == vek_waits::for_nothing)
-		return vek_sock_event_add_fd(sock->fd, FD_READ, sock) == 0;
-	return waits != vek_waits::for_its_reader || vek_sock_event_add_fd(sock->fd, FD_WRITE, sock) == 0;
 }
 
 // The usual end of a request connection: its subscription goes first.
@@ -109,159 +96,6 @@ constexpr int event_of_method[] = {
     VEK_EVENT_APP_QUERY_TOTAL_USER_NUM,
 };
 
-bool is_known(const vek_request &request)
-{
-	return request.method >= VEK_QUERY_NAME && request.method <= VEK_QUERY_TOTAL_USER_NUM;
-}
-
-vek_event event_from(const vek_request &request)
-{
-	const bool ipv6 = request.req_flags & VEK_HANDLE_FLAG_IPV6_ADDR;
-	vek_event event = vek_new_event(event_of_method[request.method]);
-	switch (request.method) {
-	case VEK_QUERY_NAME: copy_text(event.username, request.u.username); break;
-	case VEK_QUERY_FROM:
-	case VEK_QUERY_FROM_FIRST:
-		if (ipv6)
-			event.ip6 = request.u.ip6;
-		else
-			event.ip = request.u.ip;
-		break;
-	case VEK_QUERY_ALL: break;
-	default: return event;
-	}
-	if (ipv6)
-		event.event_flag = VEK_EVENT_FLAG_USED_IPV6_ADDR;
-	return event;
-}
-
-// ---- who has to wait ----
-
-// The answer to the request that waits to be read. What counts is what it matches, not what it asks for.
-std::size_t answer_size(const vek_socket *sock)
-{
-	vek_request request;
-	if (!stream_peek_record(sock, &request, sizeof(request)) || !is_known(request))
-		return 0;
-	const vek_event event = event_from(request);
-	return sizeof(vek_event) + sizeof(user_info) * static_cast<std::size_t>(responder_count(&event));
-}
-
-// Why a request must stay where it is: the answer has no room.
-vek_waits request_waits(vek_socket *sock)
-{
-	const std::size_t longest = sizeof(vek_event) + sizeof(user_info) * static_cast<std::size_t>(vek_users);
-	if (sock->shut_down || stream_has_room(sock, longest))
-		return vek_waits::for_nothing;
-	const std::size_t size = answer_size(sock);
-	if (stream_has_room(sock, size))
-		return vek_waits::for_nothing;
-	if (!stream_is_writable(sock))
-		return vek_waits::for_its_reader;
-	// A loan that is not deep enough is all that the system gives.
-	return sock->deep || fairness_lend_buffer(sock) ? vek_waits::for_nothing : vek_waits::for_a_buffer;
-}
-
-vek_waits why_to_wait(vek_socket *sock)
-{
-	if (sock->type == VEK_SOCKTYPE_REQUEST)
-		return request_waits(sock);
-	return fairness_holds_report(sock) ? vek_waits::for_its_turn : vek_waits::for_nothing;
-}
-
-void handle_record(vek_socket *sock)
-{
-	sock->before_tick = false;
-	switch (sock->type) {
-	case VEK_SOCKTYPE_NOTIFY: return vek_handle_notify(sock->fd, sock);
-	case VEK_SOCKTYPE_REQUEST: return vek_handle_request(sock->fd, sock);
-	default: return vek_close_client(sock->fd, sock);
-	}
-}
-
-// A record may lie in this connection: handles it unless it has to wait.
-void serve(vek_socket *sock)
-{
-	const vek_waits waits = why_to_wait(sock);
-	if (waits != sock->waits) {
-		if (sock->waits == vek_waits::for_nothing)
-			sock->waits_since = fairness_stamp();
-		watch(sock, waits);
-	}
-	if (waits == vek_waits::for_nothing)
-		handle_record(sock);
-}
-
-// Of those that wait for something of this kind, the one that has waited longest.
-vek_socket *longest_waiting(vek_waits waits)
-{
-	vek_socket *longest = nullptr;
-	for (vek_socket *sock : vek_socket_list)
-		if (sock->waits == waits && (longest == nullptr || sock->waits_since < longest->waits_since))
-			longest = sock;
-	return longest;
-}
-
-// Marks each connection in which a report lies now.
-void mark_reports()
-{
-	pollfd ready[VEK_MAX_FILES];
-	vek_socket *socks[VEK_MAX_FILES];
-	nfds_t count = 0;
-	for (vek_socket *sock : vek_socket_list)
-		if (sock->type == VEK_SOCKTYPE_NOTIFY) {
-			socks[count] = sock;
-			ready[count++] = {sock->fd, POLLIN, 0};
-		}
-	if (count > 0 && poll(ready, count, 0) > 0)
-		for (nfds_t i = 0; i < count; i++)
-			socks[i]->before_tick = ready[i].revents != 0;
-}
-
-// Nobody hears of the end of a connection that is not read from. Those that have ended wait no longer.
-void end_those_gone()
-{
-	pollfd gone[VEK_MAX_FILES];
-	vek_socket *socks[VEK_MAX_FILES];
-	nfds_t count = 0;
-	for (vek_socket *sock : vek_socket_list)
-		if (sock->waits != vek_waits::for_nothing) {
-			socks[count] = sock;
-			gone[count++] = {sock->fd, 0, 0};
-		}
-	some_wait = count > 0;
-	if (count == 0 || poll(gone, count, 0) <= 0)
-		return;
-	for (nfds_t i = 0; i < count; i++)
-		if (gone[i].revents != 0) {
-			stream_shut_down(socks[i], "is gone");
-			watch(socks[i], vek_waits::for_nothing);
-		}
-}
-
-// Serves those whose waiting is over, the longest waiting first.
-void serve_waiting()
-{
-	end_those_gone();
-	while (vek_socket *sock = longest_waiting(vek_waits::for_a_buffer)) {
-		if (why_to_wait(sock) == vek_waits::for_a_buffer)
-			break;
-		serve(sock);
-	}
-	if (const std::int64_t left = fairness_hold_left_ms(); left > 0)
-		return vek_sock_event_limit_wait(static_cast<int>(left));
-	// All that have waited for subscribers have their turn, whatever the first of them leads to.
-	const std::uint64_t now = fairness_stamp();
-	vek_socket *sock;
-	while ((sock = longest_waiting(vek_waits::for_its_turn)) != nullptr && sock->waits_since < now &&
-	       !fairness_holds_tools(sock)) {
-		watch(sock, vek_waits::for_nothing);
-		handle_record(sock);
-	}
-	if (sock != nullptr)
-		vek_sock_event_limit_wait(0);
-}
-
 // ---- accepting ----
 
 // Takes the place of another connection. What lies whole in that one is handled first.
@@ -283,7 +117,7 @@ bool displace_for(vek_socket *sock)
 		return false;
 	close(sock->fd);
 	sock->fd = fd;
-	return watch(sock, vek_waits::for_nothing);
+	return turns_watch(sock, vek_waits::for_nothing);
 }
 
 void pause_accept()
@@ -339,7 +173,7 @@ bool accept_client(int listening_fd, std::uint8_t type)
 	sock->pid = peer.pid;
 	sock->uid = peer.uid;
 	sock->activity = fairness_stamp();
-	if (!watch(sock, vek_waits::for_nothing) && !displace_for(sock)) {
+	if (!turns_watch(sock, vek_waits::for_nothing) && !displace_for(sock)) {
 		stream_close(sock->fd, fairness_is_privileged(sock));
 		vek_free(sock);
 		return true;
@@ -358,6 +192,32 @@ void accept_queue(int listening_fd, std::uint8_t type)
 }
 
 } // namespace
+
+bool vek_request_is_known(const vek_request &request)
+{
+	return request.method >= VEK_QUERY_NAME && request.method <= VEK_QUERY_TOTAL_USER_NUM;
+}
+
+vek_event vek_event_from_request(const vek_request &request)
+{
+	const bool ipv6 = request.req_flags & VEK_HANDLE_FLAG_IPV6_ADDR;
+	vek_event event = vek_new_event(event_of_method[request.method]);
+	switch (request.method) {
+	case VEK_QUERY_NAME: copy_text(event.username, request.u.username); break;
+	case VEK_QUERY_FROM:
+	case VEK_QUERY_FROM_FIRST:
+		if (ipv6)
+			event.ip6 = request.u.ip6;
+		else
+			event.ip = request.u.ip;
+		break;
+	case VEK_QUERY_ALL: break;
+	default: return event;
+	}
+	if (ipv6)
+		event.event_flag = VEK_EVENT_FLAG_USED_IPV6_ADDR;
+	return event;
+}
 
 int vek_bind_unix_address(const char *path)
 {
@@ -384,7 +244,7 @@ void vek_sock_event_read(int fd, void *data)
 		return vek_accept_notify(fd, data);
 	if (fd == vek_request_fd)
 		return vek_accept_request(fd, data);
-	serve(static_cast<vek_socket *>(data));
+	turns_serve(static_cast<vek_socket *>(data));
 }
 
 void vek_sock_event_write(int fd, void *data)
@@ -394,7 +254,7 @@ void vek_sock_event_write(int fd, void *data)
 		return vek_close_client(fd, sock);
 	if (sock->subscriptions == 0)
 		fairness_return_buffer(sock);
-	watch(sock, vek_waits::for_nothing);
+	turns_watch(sock, vek_waits::for_nothing);
 }
 
 int vek_sock_event_error(int) { return -1; }
@@ -414,14 +274,14 @@ void vek_handle_request(int, vek_socket *sock)
 	vek_request request;
 	if (sock->shut_down || !stream_read_record(sock, &request, sizeof(request)))
 		return end_client(sock);
-	if (!is_known(request))
+	if (!vek_request_is_known(request))
 		return;
-	vek_event event = event_from(request);
+	vek_event event = vek_event_from_request(request);
 	vek_dispatch_event(&event, sock);
 	// The loan for an answer lasts until that is read, but nothing is added to it.
 	if (sock->deep && sock->subscriptions == 0) {
 		stream_set_depth(sock, false);
-		watch(sock, vek_waits::for_its_reader);
+		turns_watch(sock, vek_waits::for_its_reader);
 	}
 }
 
@@ -440,39 +300,10 @@ void vek_close_client(int fd, vek_socket *sock)
 	}
 }
 
-void vek_begin_pass()
-{
-	fairness_begin_pass();
-	if (some_wait)
-		serve_waiting();
-}
-
-bool vek_catch_up()
-{
-	static bool catching_up;
-	if (!catching_up)
-		mark_reports();
-	catching_up = false;
-	for (list_head *const head = vek_socket_list.head(), *link = head->next; link != head;) {
-		auto *sock = list_entry<&vek_socket::list>(link);
-		link = link->next; // handling a record may free its connection
-		if (!sock->before_tick)
-			continue;
-		// What runs tools takes its turns, between which others are served.
-		if (fairness_holds_tools(sock)) {
-			catching_up = true;
-			continue;
-		}
-		watch(sock, vek_waits::for_nothing);
-		handle_record(sock);
-	}
-	return !catching_up;
-}
-
 void vek_tick_endpoints()
 {
 	resume_accept();
 	fairness_end_stalled_loans();
 	stream_close_leftovers();
-	some_wait = true;
+	turns_look_again();
 }
