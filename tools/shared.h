@@ -16,7 +16,7 @@
 inline failure shared_failure(const std::string &what)
 {
 	if (errno == ENOENT || errno == EIDRM)
-		return {status_no_daemon, "vekd is not running: there is no " + what};
+		return {status_no_daemon, "there is no " + what + ", which vekd makes when it starts"};
 	if (errno == EINVAL)
 		return {status_unexpected, "the " + what + " is not of vekd's size"};
 	return {status_refused, "cannot use the " + what + ": " + std::strerror(errno)};

@@ -20,7 +20,7 @@ struct state {
 	std::optional<std::size_t> lockouts; // none: the table is not there
 	bool ages_lockouts = false;
 	std::vector<std::string> problems;
-	int status = status_ok; // of the first problem that keeps the daemon from its work
+	failure first{status_ok, ""}; // of the problems that keep the daemon from its work
 };
 
 // The twenty-second number of its stat, in clock ticks; the name before it may hold anything.
@@ -71,9 +71,8 @@ void look_at_sessions(const settings &set, state &seen)
 	connect_notify(set);
 }
 
-void look_at_blocks(state &seen)
+void look_at_lockouts(state &seen)
 {
-	const shared_block<const user_config> config(USER_CONFIG_IPC_KEY, "logon configuration block", false);
 	const shared_block<const user_lock> block(USER_LOCK_IPC_KEY, "lockout table", false);
 	seen.ages_lockouts = block->enable != 0;
 	seen.lockouts = static_cast<std::size_t>(
@@ -82,6 +81,11 @@ void look_at_blocks(state &seen)
 	if (*seen.lockouts > 0 && !seen.ages_lockouts)
 		seen.problems.emplace_back(
 		    "lockouts do not end: they are not enabled (see: vekctl lockouts enable --help)");
+}
+
+void look_at_config()
+{
+	const shared_block<const user_config> there(USER_CONFIG_IPC_KEY, "logon configuration block", false);
 }
 
 void print(const settings &set, const state &seen)
@@ -134,15 +138,17 @@ void add_status_command(CLI::App &app, settings &set)
 					    at();
 				    } catch (const failure &why) {
 					    seen.problems.push_back(why.message);
-					    seen.status = seen.status == status_ok ? why.status : seen.status;
+					    seen.first = seen.first.status == status_ok ? why : seen.first;
 				    }
 			    };
 			    look([&] { look_at_process(seen); });
 			    look([&] { look_at_sessions(set, seen); });
-			    if (seen.sessions >= 0)
-				    look([&] { look_at_blocks(seen); });
+			    if (seen.sessions >= 0) {
+				    look([&] { look_at_lockouts(seen); });
+				    look([&] { look_at_config(); });
+			    }
 			    print(set, seen);
-			    if (seen.status != status_ok)
-				    throw failure{seen.status, seen.problems.front()};
+			    if (seen.first.status != status_ok)
+				    throw seen.first;
 		    });
 }

@@ -128,7 +128,7 @@ class Vekctl(OnDevice):
             self.ok(f"login --username {name} --unique {name}1 --service {rest}")
         for line in ("logout", "web-logout", "revoke", "report logout", "report 34", "report WEB_USER_LOGOUT", "logout --ip6 ::",
                      "report logout --ip6 ::", "report update-lease-time --minutes 1", "logout --user ''", "logout --sta-mac ''",
-                     "logout --service ssh --default-lease-time 1", "logout --type guest --revocable", "logout --all --user a",
+                     "logout --service ssh --default-lease-time 1", "logout --type guest --revocable", "logout --all --user a", "logout --ip 0.0.0.0/32 --revocable",
                      "update lease --type guest --user a --minutes 5", "report logout --user-part a"):
             self.ok(line, status=2)
         self.ok("logout --ip 192.0.2.0/24", status=1)
@@ -257,6 +257,23 @@ class Vekctl(OnDevice):
             self.assertRegex("\n".join(shown), r" ext-group .* 23h\d\dm(\n|$)")
             self.assertEqual(language == "C", "".join(shown).isascii(), shown)
             self.assertTrue("k" * 60 in "".join(shown) or not full, shown)
+
+    def test_status_says_what_is_wrong(self):
+        def status(code):
+            said = json.loads(self.ok("status --json", status=code))
+            return said["running"], said["answers"], said["sessions"], said["connections"], " ".join(said["problems"])
+
+        self.ok("login --username a --type user")
+        self.assertEqual((True, True, 1, 2, ""), status(0))  # the test's own connections
+        self.ok("lockouts enable")
+        subprocess.run(["ipcrm", "-M", "0x11111112"], check=True)
+        self.assertEqual((True, True, 1, 2, "there is no logon configuration block, which vekd makes when it starts"), status(3))
+        subprocess.run(["python3", "-c", "import ctypes; ctypes.CDLL(None).shmget(0x11111112, 10, 0o1666)"], check=True)
+        self.assertEqual((True, True, 1, 2, "the logon configuration block is not of vekd's size"), status(5))
+        self.assertRegex(self.ok("status", status=5), r"lockouts +0, enabled\n")
+        subprocess.run(["ipcrm", "-M", "0x11111112"], check=True)
+        self.assertEqual(0, self.stop())
+        self.assertEqual((False, False, None, 0), status(3)[:4])
 
     def test_completion_in_bash(self):
         script = ('. packaging/completion/vekctl.bash; COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)); _vekctl; '
