@@ -204,7 +204,7 @@ extern "C" int __wrap_clock_gettime(clockid_t, timespec *now)
 extern "C" int __real_poll(pollfd *fds, nfds_t count, int limit);
 extern "C" int __wrap_poll(pollfd *fds, nfds_t count, int limit)
 {
-	if (std::ranges::any_of(clients, &client::receive))
+	if (limit > 0 && std::ranges::any_of(clients, &client::receive))
 		return 1;
 	const int ready = __real_poll(fds, count, 0);
 	if (ready == 0)
