@@ -19,16 +19,14 @@ network parse_network(const std::string &text)
 	if (!base)
 		throw CLI::ValidationError("--ip", "\"" + text + "\" is no IPv4 or IPv6 address or network");
 	const unsigned most = base->is_ip6 ? 128 : 32;
-	if (slash == std::string::npos) {
-		// Which is what sessions carry that have no address of that kind.
-		if (base->ip == 0 && IN6_IS_ADDR_UNSPECIFIED(&base->ip6))
-			throw CLI::ValidationError("--ip", text + " is nobody's address");
-		return {*base, most};
-	}
-	const auto bits = whole_number(text.substr(slash + 1));
+	const auto bits = slash == std::string::npos ? std::optional<long long>(most)
+						     : whole_number(text.substr(slash + 1));
 	if (!bits || *bits < 0 || *bits > most)
 		throw CLI::ValidationError("--ip", "\"" + text + "\" has no prefix length from 0 to " +
 						       std::to_string(most));
+	// Which sessions carry that have no address of that kind, and which restricts nothing as a key.
+	if (*bits == most && base->ip == 0 && IN6_IS_ADDR_UNSPECIFIED(&base->ip6))
+		throw CLI::ValidationError("--ip", text + " is nobody's address");
 	return {*base, static_cast<unsigned>(*bits)};
 }
 

@@ -8,9 +8,9 @@
 #include <utility>
 #include <vector>
 
-#include "view.h"
 #include "target.h"
 #include "vek_client.h"
+#include "view.h"
 
 namespace {
 
@@ -28,7 +28,8 @@ void show(std::span<const vek_field> fields, const void *record)
 	const std::string text = json_text(record_json(fields, record));
 	for (const unsigned char c : text)
 		require(c >= ' ' && c < 0x7f, "JSON that is not plain text");
-	require(json::parse(text, nullptr, false).size() == fields.size() + 1, "JSON that is none, or lacks the type's name");
+	require(json::parse(text, nullptr, false).size() == fields.size() + 1,
+		"JSON that is none, or lacks the type's name");
 }
 
 } // namespace
