@@ -3,7 +3,6 @@
 // handlers behind the user database never look into it. Also here: moving a session to another IPv4 address.
 #include <algorithm>
 #include <cstring>
-#include <span>
 
 #include "misc.h"
 #include "qzkit.h"
@@ -139,8 +138,8 @@ bool userdb_logout_would_end(const vek_event *event, const user_list *ulist)
 	vek_refresh_cloud(is_cloud);
 	if (is_cloud && !passes_profile_filters(event, ulist->uinfo))
 		return false;
-	const auto found = static_cast<std::size_t>(find_user_list_of_event(event));
-	return std::ranges::count(std::span(ulist_array, found), ulist) > 0;
+	const int found = find_user_list_of_event(event);
+	return std::find(ulist_array, ulist_array + found, ulist) != ulist_array + found;
 }
 
 void userdb_log_out(user_list *ulist, vek_event *event)
