@@ -77,6 +77,11 @@ void enter_ftp_client(pam_handle_t *pamh, const vek_event &login)
 			   "a user of this name cannot be found in the table of ftp clients");
 		return;
 	}
+	if (is_isolated()) {
+		pam_syslog(pamh, LOG_WARNING,
+			   "this server has System V objects of its own, so vekd cannot end it");
+		return;
+	}
 	const clients all(pamh, true);
 	if (!all)
 		return;
@@ -87,7 +92,7 @@ void enter_ftp_client(pam_handle_t *pamh, const vek_event &login)
 	if (all.size() == static_cast<int>(MOST_CLIENTS))
 		pam_syslog(pamh, LOG_WARNING, "the table of ftp clients is full");
 	else
-		all.append(entry_of(login, getpid()));
+		all.append(entry_of(login, own_pid()));
 }
 
 void leave_ftp_client(pam_handle_t *pamh, const vek_event &login, int pid)

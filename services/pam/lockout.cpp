@@ -78,8 +78,13 @@ public:
 	explicit table(pam_handle_t *pamh, const pam_options *options)
 	    : block_(USER_LOCK_IPC_KEY, false), lock_(USER_LOCK_IPC_KEY, false)
 	{
-		if (!block_ && errno == ENOENT)
-			return; // no daemon, nothing to say
+		if (!block_ && errno == ENOENT) {
+			if (is_isolated()) // else there is no daemon, and nothing to say
+				pam_syslog(
+				    pamh, LOG_WARNING,
+				    "this service has System V objects of its own, so nobody is locked out");
+			return;
+		}
 		if (!block_ || !lock_) {
 			pam_syslog(pamh, LOG_WARNING, "%s cannot be used, so nobody is locked out: %s",
 				   block_ ? "the lockout table's lock" : "the lockout table",
@@ -142,8 +147,8 @@ void count_failure(pam_handle_t *pamh, const pam_options &options, const client_
 		*lockout = {client.ip, client.ip6, now + period, {}, 1};
 		copy_text(lockout->username, client.user);
 	}
-	pam_syslog(pamh, LOG_NOTICE, "too many failed attempts: %s locked out for %u seconds",
-		   has_address(client) ? "the address is" : "the user is", period);
+	pam_syslog(pamh, LOG_NOTICE, "too many failed attempts: %s locked out for %u seconds (user=%s)",
+		   has_address(client) ? "the address is" : "the user is", period, client.user);
 }
 
 void forget_failures(pam_handle_t *pamh, const client_name &client)

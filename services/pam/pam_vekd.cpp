@@ -164,7 +164,7 @@ bool describe(pam_handle_t *pamh, const pam_options &options, vek_event *login)
 	if (*terminal != '\0')
 		copy_text(login->unique, terminal);
 	else
-		std::snprintf(login->unique, sizeof(login->unique), "%d", getpid());
+		std::snprintf(login->unique, sizeof(login->unique), "%d", own_pid());
 	return true;
 }
 
@@ -235,7 +235,7 @@ void remember(pam_handle_t *pamh, const vek_event &login)
 	auto *session = static_cast<open_session *>(std::malloc(sizeof(open_session)));
 	if (session == nullptr)
 		return;
-	*session = {login, getpid()};
+	*session = {login, own_pid()};
 	if (pam_set_data(pamh, SESSION_DATA, session, forget) != PAM_SUCCESS)
 		std::free(session);
 }
@@ -378,6 +378,8 @@ EXPORTED int pam_sm_authenticate(pam_handle_t *pamh, int, int argc, const char *
 	else if (options.stage == pam_options::AUTHFAIL)
 		count_failure(pamh, options, client);
 	else if (is_locked_out(pamh, options, client)) {
+		pam_syslog(pamh, LOG_NOTICE, "refused without asking, since locked out: rhost=%s user=%s",
+			   text_item(pamh, PAM_RHOST), client.user);
 		pam_fail_delay(pamh, WRONG_PASSWORD_DELAY_US);
 		return PAM_AUTH_ERR;
 	}

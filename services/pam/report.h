@@ -3,8 +3,11 @@
 #ifndef VEK_PAM_REPORT_H
 #define VEK_PAM_REPORT_H
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <ctime>
 
 #include "text.h"
@@ -37,6 +40,15 @@ inline int report(const vek_event &event, int timeout_ms)
 	vek_client_close(client);
 	errno = error;
 	return status;
+}
+
+// This process as everybody else sees it, also where the service has a process namespace of its own.
+inline int own_pid()
+{
+	char text[16] = {};
+	const ssize_t length = readlink("/proc/self", text, sizeof(text) - 1);
+	const int pid = length > 0 ? std::atoi(text) : 0;
+	return pid > 0 ? pid : getpid();
 }
 
 // Another event about the session that a login made.

@@ -7,6 +7,7 @@
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +17,14 @@
 constexpr int LOCK_LIMIT_MS = 1000;
 
 inline bool is_trusted(const ipc_perm &made) { return made.cuid == 0 || made.cuid == geteuid(); }
+
+// A service with System V objects of its own sees neither table.
+inline bool is_isolated()
+{
+	struct stat ours, everybodys;
+	return stat("/proc/self/ns/ipc", &ours) == 0 && stat("/proc/1/ns/ipc", &everybodys) == 0 &&
+	       ours.st_ino != everybodys.st_ino;
+}
 
 // A set of one semaphore: 1 free, 0 held.
 class held_lock {
