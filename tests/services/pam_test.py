@@ -74,6 +74,10 @@ class Pam(OnHost):
             session required pam_permit.so
             session [session_err=bad default=ignore] pam_vekd.so keeper=/bin/true {session}""")
 
+    def says(self, text):
+        """In the system log, whose reader may be behind."""
+        wait_for(lambda: text in log_lines())
+
     def opened(self, *keys, **items):
         """What the daemon has of a session that was opened so, and the program."""
         program = Program(*keys, **items)
@@ -105,7 +109,7 @@ class Pam(OnHost):
                 self.assertEqual(SUCCESS, program.close_session())
                 self.assertEqual([], self.sessions())
         for wrong in "nonsense", "lease=x", "on_error=perhaps", "map=:":
-            self.assertIn(f"not an option, or not a value of it: {wrong}\n", log_lines())
+            self.says(f"not an option, or not a value of it: {wrong}\n")
 
     def test_addresses(self):
         own("hosts").write_text("192.0.2.9 elsewhere\n2001:db8::9 elsewhere6\n")
@@ -162,10 +166,10 @@ class Pam(OnHost):
     def test_full_table(self):
         self.service.fill(vek.MAX_USERS)
         self.assertEqual(SUCCESS, Program().open_session())
-        self.assertIn("vekd refuses the login of alice, who is let in nonetheless\n", log_lines())
+        self.says("vekd refuses the login of alice, who is let in nonetheless\n")
         self.lines("sshd", "on_error=deny")
         self.assertEqual(SESSION_ERR, Program("bob").open_session())
-        self.assertIn("vekd refuses the login of bob, who is not let in\n", log_lines())
+        self.says("vekd refuses the login of bob, who is not let in\n")
         self.assertEqual([], self.sessions("alice") + self.sessions("bob"))
 
     def ftp_table(self):
@@ -216,7 +220,7 @@ class Pam(OnHost):
         for entry in table.list[:table.size]:
             entry.pid = again.pid
         self.ftp_session("carol")
-        self.assertIn("the table of ftp clients is full\n", log_lines())
+        self.says("the table of ftp clients is full\n")
         table.size = 1 << 40
         carol = self.ftp_session("carol", rhost="192.0.2.9")
         self.assertEqual([carol.pid], [e.pid for e in table.list[:table.size]])
@@ -309,7 +313,7 @@ class Pam(OnHost):
         start = time.monotonic()
         self.assertEqual(SUCCESS, Program().authenticate())
         self.assertTrue(1 <= time.monotonic() - start < 2)
-        self.assertIn("nobody is locked out", log_lines())
+        self.says("nobody is locked out")
         LIBC.semctl(lock, 0, SETVAL, 1)
         self.stop()
         self.guess(6)
@@ -337,5 +341,5 @@ class Pam(OnHost):
             start = time.monotonic()
             self.guess()
             times[lockout] = time.monotonic() - start
-        for seconds in times.values():  # libpam varies the two seconds by a quarter
-            self.assertTrue(1.4 < seconds < 2.6 + 0.2 * SLOWER, times)
+        for seconds in times.values():  # libpam varies the two seconds by up to a half
+            self.assertTrue(0.9 < seconds < 3.1 + 0.2 * SLOWER, times)
