@@ -225,7 +225,8 @@ class Vekctl(OnDevice):
 
     def test_the_example_in_python_misses_nothing(self):
         def example(*arguments, **options):
-            return subprocess.Popen([f"{vek.SOURCE}/client/example/vekd_protocol.py", *arguments], text=True, **options)
+            program = ["timeout", str(LIMIT), f"{vek.SOURCE}/client/example/vekd_protocol.py", *arguments]
+            return subprocess.Popen(program, text=True, **options)
 
         self.assertEqual([0, 0], [example("login", "ssh", name, "1").wait(LIMIT) for name in ("alice", "bob")])
         following = example("follow", "2", stdout=subprocess.PIPE)
@@ -260,12 +261,15 @@ class Vekctl(OnDevice):
 
     def test_status_says_what_is_wrong(self):
         def status(code):
+            if self.pid:
+                self.settle()  # until whoever asked before has gone
             said = json.loads(self.ok("status --json", status=code))
             return said["running"], said["answers"], said["sessions"], said["connections"], " ".join(said["problems"])
 
         self.ok("login --username a --type user")
         self.assertEqual((True, True, 1, 2, ""), status(0))  # the test's own connections
         self.ok("lockouts enable")
+        self.addCleanup(subprocess.run, ["ipcrm", "-M", "0x11111112"], stderr=subprocess.DEVNULL)
         subprocess.run(["ipcrm", "-M", "0x11111112"], check=True)
         self.assertEqual((True, True, 1, 2, "there is no logon configuration block, which vekd makes when it starts"), status(3))
         subprocess.run(["python3", "-c", "import ctypes; ctypes.CDLL(None).shmget(0x11111112, 10, 0o1666)"], check=True)
