@@ -149,6 +149,6 @@ void add_status_command(CLI::App &app, settings &set)
 			    }
 			    print(set, seen);
 			    if (seen.first.status != status_ok)
-				    throw seen.first;
+				    throw failure{seen.first.status, seen.first.message};
 		    });
 }

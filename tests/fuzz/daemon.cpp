@@ -177,7 +177,8 @@ void step(input &in)
 		}
 	} else if (vek_users < 16) {
 		print_rb_tree(0);
-		print_rb_tree_if_asked();
+		if (rb_tree_dump_asked())
+			DEBUG_print_tree(rb_root);
 	}
 }
 
