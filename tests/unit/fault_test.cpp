@@ -8,6 +8,7 @@
 #include <sys/shm.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -143,6 +144,9 @@ TEST(Fault, AClientIsServedOrLosesItsConnection)
 		vek_tick_endpoints();
 		close(other);
 		close(service);
+		// On an older kernel a child closes what was turned away, and holds our clients' ends as well until then.
+		for (pid_t child; (child = waitpid(-1, nullptr, 0)) > 0;)
+			stream_child_ended(child);
 		passes();
 		EXPECT_TRUE(vek_socket_list.empty());
 		const int next = notify.visit(make_event(VEK_EVENT_USER_LOGIN, {"ssh", "bob", "2", 8}));
