@@ -248,9 +248,12 @@ class Vekctl(OnDevice):
             termios.tcsetwinsize(its, (2, width))
             environment = {**os.environ, "LC_ALL": language, "PAGER": "sed 's/^/paged: /'"}
             self.ok("list" + full, stdin=its, stdout=its, env=environment)
-            lines = os.read(ours, 9999).decode().splitlines()
-            for fd in (ours, its):
-                os.close(fd)
+            os.close(its)
+            with open(ours, "rb", 0) as terminal, contextlib.suppress(OSError):  # which ends its text
+                text = b""
+                while part := terminal.read(9999):
+                    text += part
+            lines = text.decode().splitlines()
             shown = [line.removeprefix("paged: ") for line in lines]
             self.assertNotEqual(shown, lines, "longer than the terminal")
             columns = [sum(2 if unicodedata.east_asian_width(c) == "W" else 1 for c in line) for line in shown]
